@@ -1,0 +1,14 @@
+// Everything a host needs from Weftmap.
+#pragma once
+
+#include <weftmap/frame/client.hpp>
+#include <weftmap/frame/debug_output.hpp>
+#include <weftmap/frame/exceptions.hpp>
+#include <weftmap/frame/export.hpp>
+#include <weftmap/frame/parallel.hpp>
+
+#include <weftmap/image/inset_view.hpp>
+#include <weftmap/image/memory.hpp>
+#include <weftmap/image/pixel_types.hpp>
+#include <weftmap/image/recycled_image.hpp>
+#include <weftmap/image/resample.hpp>

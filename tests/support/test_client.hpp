@@ -1,0 +1,72 @@
+// A test host: heap memory under the library's limit and an optional
+// diagnostic channel that collects everything written to it.
+#pragma once
+
+#include <weftmap/frame/client.hpp>
+#include <weftmap/frame/debug_output.hpp>
+#include <weftmap/image/memory.hpp>
+
+#include <cstdlib>
+#include <string>
+
+namespace WM::test {
+
+class HeapAllocator : public BaseLimitedByteMemoryAllocator {
+  public:
+    void* rawAllocate(unsigned long long bytes) override { return std::malloc(bytes); }
+    void rawDeallocate(void* p, unsigned long long) override { std::free(p); }
+};
+
+class CaptureChannel : public DebugChannel {
+  public:
+    void Write(char const* text) override { written += text; }
+    std::string written;
+};
+
+class TestClient : public WeftmapProcClient {
+  public:
+    MemoryAllocator* GetMemoryAllocator() override { return &allocator; }
+    DebugOutput* GetDebugOutput() override {
+        ++debug_queries;
+        return debug;
+    }
+
+    HeapAllocator allocator;
+    DebugOutput* debug = nullptr;
+    int debug_queries = 0;
+};
+
+// The client registered for the whole test run.
+TestClient& client();
+
+// Installs a capturing channel for the lifetime of the object.
+class ScopedCapture {
+  public:
+    explicit ScopedCapture(bool checksums = true) : output_(&channel) {
+        channel.checksumsEnabled = checksums;
+        channel.channelName = "test";
+        previous_ = client().debug;
+        client().debug = &output_;
+    }
+    ~ScopedCapture() { client().debug = previous_; }
+    ScopedCapture(ScopedCapture const&) = delete;
+    ScopedCapture& operator=(ScopedCapture const&) = delete;
+
+    CaptureChannel channel;
+
+  private:
+    DebugOutput output_;
+    DebugOutput* previous_ = nullptr;
+};
+
+// Restores the process-wide memory limit on scope exit.
+class ScopedMemoryLimit {
+  public:
+    ScopedMemoryLimit() : saved_(BaseLimitedByteMemoryAllocator::getLimit()) {}
+    ~ScopedMemoryLimit() { BaseLimitedByteMemoryAllocator::setLimit(saved_); }
+
+  private:
+    unsigned long long saved_;
+};
+
+}  // namespace WM::test
