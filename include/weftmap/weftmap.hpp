@@ -8,7 +8,11 @@
 #include <weftmap/frame/parallel.hpp>
 
 #include <weftmap/image/inset_view.hpp>
+#include <weftmap/image/masks.hpp>
 #include <weftmap/image/memory.hpp>
+#include <weftmap/image/mipmap.hpp>
 #include <weftmap/image/pixel_types.hpp>
 #include <weftmap/image/recycled_image.hpp>
 #include <weftmap/image/resample.hpp>
+#include <weftmap/image/roifill.hpp>
+

@@ -1,0 +1,5 @@
+#include "image/masks_impl.hpp"
+
+namespace WM {
+WEFTMAP_FOR_EACH_PIXEL_16(WEFTMAP_INSTANTIATE_MASKS)
+}  // namespace WM

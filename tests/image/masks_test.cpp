@@ -1,0 +1,250 @@
+#include "support/random_image.hpp"
+#include "support/test_client.hpp"
+
+#include <weftmap/image/masks.hpp>
+
+#include <gtest/gtest.h>
+
+#include <boost/gil/algorithm.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <random>
+#include <vector>
+
+namespace WM {
+namespace {
+
+using Gray = RecycledImage<gray8_pixel_t>;
+using Ints = RecycledImage<int_gray_pixel_t>;
+
+Gray gray_image(std::ptrdiff_t w, std::ptrdiff_t h, int value) {
+    Gray image(Point(w, h));
+    gil::fill_pixels(view(image), gray8_pixel_t(value));
+    return image;
+}
+
+template <class Pixel>
+class MasksTyped : public ::testing::Test {};
+TYPED_TEST_SUITE(MasksTyped, test::AllPixelTypes, test::PixelNames);
+
+TYPED_TEST(MasksTyped, CopyPixelsMaskedKeepsTakesOrAddsThePremultipliedSource) {
+    using Pixel = TypeParam;
+    using Channel = channel_base_t<Pixel>;
+    auto const src = test::random_image<Pixel>(13, 7, 1);
+    auto const original = test::random_image<Pixel>(13, 7, 2);
+    auto dst = original;
+    auto mask = test::random_image<gray8_pixel_t>(13, 7, 3);
+    for (int x = 0; x < 13; ++x) {  // make sure both extremes occur
+        view(mask)(x, 0) = gray8_pixel_t(0);
+        view(mask)(x, 1) = gray8_pixel_t(255);
+    }
+    copy_pixels_masked(const_view(src), view(dst), const_view(mask));
+    for (int y = 0; y < 7; ++y)
+        for (int x = 0; x < 13; ++x) {
+            int const m = view(mask)(x, y);
+            for (int c = 0; c < num_channels_v<Pixel>; ++c) {
+                Channel const d = channel_value(const_view(original)(x, y), c);
+                Channel const s = channel_value(const_view(src)(x, y), c);
+                Channel expected = m == 0 ? d : s;
+                if (m != 0 && m != 255) {
+                    float const t = float(d) * (1.0f - float(m) / 255.0f) + float(s);
+                    if constexpr (is_float_pixel_v<Pixel>)
+                        expected = t;
+                    else
+                        expected = Channel(std::uint64_t(t + 0.5f));
+                }
+                ASSERT_EQ(channel_value(view(dst)(x, y), c), expected) << x << "," << y;
+            }
+        }
+}
+
+TEST(CopyPixelsMasked, WorkedNumbersAndSizeChecks) {
+    auto dst = gray_image(1, 1, 100);
+    auto const src = gray_image(1, 1, 50);
+    copy_pixels_masked(const_view(src), view(dst), const_view(gray_image(1, 1, 128)));
+    EXPECT_EQ(int(view(dst)(0, 0)), 100);  // 100 * (1 - 128/255) + 50 = 99.8
+
+    // Past the maximum the byte wraps instead of clamping: 509 -> 253.
+    auto full = gray_image(1, 1, 255);
+    copy_pixels_masked(const_view(gray_image(1, 1, 255)), view(full),
+                       const_view(gray_image(1, 1, 1)));
+    EXPECT_EQ(int(view(full)(0, 0)), 253);
+
+    auto const a = gray_image(3, 2, 0);
+    auto b = gray_image(2, 3, 0);
+    try {
+        copy_pixels_masked(const_view(a), view(b), const_view(a));
+        FAIL();
+    } catch (Exception const& e) {
+        EXPECT_STREQ(e,
+                     "WEFTMAP_INTERNAL_ERROR:copy_pixels_masked: src size (3x2) != dst size (2x3)");
+    }
+    auto c = gray_image(3, 2, 0);
+    try {
+        copy_pixels_masked(const_view(a), view(c), const_view(b));
+        FAIL();
+    } catch (Exception const& e) {
+        EXPECT_STREQ(
+            e, "WEFTMAP_INTERNAL_ERROR:copy_pixels_masked: src size (3x2) != hole size (2x3)");
+    }
+}
+
+// Brute force: the smallest city-block distance to a zero (a 255 pixel, or
+// the border when it counts), 10000 when there is none.
+std::vector<int> reference_dt(ConstGrayView const& bmp, bool zero_border) {
+    std::ptrdiff_t const w = bmp.width(), h = bmp.height();
+    std::vector<int> out(static_cast<std::size_t>(w * h), 10000);
+    for (std::ptrdiff_t y = 0; y < h; ++y)
+        for (std::ptrdiff_t x = 0; x < w; ++x)
+            for (std::ptrdiff_t v = 0; v < h; ++v)
+                for (std::ptrdiff_t u = 0; u < w; ++u) {
+                    bool const border = u == 0 || v == 0 || u == w - 1 || v == h - 1;
+                    if (bmp(u, v) == 255 || (zero_border && border))
+                        out[y * w + x] =
+                            std::min<int>(out[y * w + x], int(std::abs(u - x) + std::abs(v - y)));
+                }
+    return out;
+}
+
+TEST(DistanceTransform, MatchesBruteForceOnRandomMasks) {
+    std::mt19937 rng(7);
+    for (int round = 0; round < 30; ++round) {
+        int const w = 1 + int(rng() % 23), h = 1 + int(rng() % 17);
+        unsigned const density = 1 + rng() % 40;  // percent of 255 pixels
+        Gray bmp(Point(w, h));
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                view(bmp)(x, y) = gray8_pixel_t(rng() % 100 < density ? 255 : rng() % 255);
+        Ints out(Point(w, h));
+        for (bool const border : {false, true}) {
+            auto const expected = reference_dt(const_view(bmp), border);
+            Gray const nonhole(Point(w, h));
+            ConstGrayView const nonhole_view = const_view(nonhole);
+            dt(const_view(bmp), view(out), round % 2 ? &nonhole_view : nullptr, border);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                    ASSERT_EQ(view(out)(x, y)[0], expected[y * w + x])
+                        << w << "x" << h << " at " << x << "," << y << " border " << border;
+        }
+    }
+}
+
+TEST(DistanceTransform, EdgeCasesAndSizeChecks) {
+    Ints out(Point(6, 5));
+    dt(const_view(gray_image(6, 5, 254)), view(out), nullptr, false);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 6; ++x) EXPECT_EQ(view(out)(x, y)[0], 10000);
+
+    auto one = gray_image(6, 5, 0);
+    view(one)(2, 1) = gray8_pixel_t(255);
+    dt(const_view(one), view(out), nullptr, false);
+    for (int y = 0; y < 5; ++y)
+        for (int x = 0; x < 6; ++x)
+            EXPECT_EQ(view(out)(x, y)[0], std::abs(x - 2) + std::abs(y - 1));
+
+    Ints thin(Point(1, 4));
+    dt(const_view(gray_image(1, 4, 0)), view(thin), nullptr, true);
+    for (int y = 0; y < 4; ++y) EXPECT_EQ(view(thin)(0, y)[0], 0);
+
+    try {
+        dt(const_view(gray_image(5, 6, 0)), view(out), nullptr, false);
+        FAIL();
+    } catch (Exception const& e) {
+        EXPECT_STREQ(e, "WEFTMAP_INTERNAL_ERROR:dt: outview size (6x5) != bmp size (5x6)");
+    }
+    auto const other = gray_image(2, 2, 0);
+    ConstGrayView const other_view = const_view(other);
+    try {
+        dt(const_view(gray_image(6, 5, 0)), view(out), &other_view, false);
+        FAIL();
+    } catch (Exception const& e) {
+        EXPECT_STREQ(e, "WEFTMAP_INTERNAL_ERROR:dt: outview size (6x5) != nonhole_mask size (2x2)");
+    }
+}
+
+TEST(BoxFilter, WorkedRow) {
+    Ints row(Point(4, 1));
+    for (int x = 0; x < 4; ++x) view(row)(x, 0)[0] = x + 1;
+    Ints out(Point(4, 1));
+    x_box_filter(view(row), view(out), 3);
+    int const expected[] = {6, 9, 7, 4};
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(view(out)(x, 0)[0], expected[x]);
+    x_box_filter(view(row), view(out), 1);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(view(out)(x, 0)[0], x + 1);
+}
+
+TEST(BoxFilter, BothDirectionsMatchBruteForceAlsoInPlace) {
+    std::mt19937 rng(11);
+    for (int round = 0; round < 40; ++round) {
+        int const w = 1 + int(rng() % 19), h = 1 + int(rng() % 13);
+        bool const along_x = round % 2 == 0;
+        int const line = along_x ? w : h;
+        int const size = int(rng() % (line + 1));
+        Ints in(Point(w, h));
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                // Large values: the sums must wrap as 32-bit unsigned numbers.
+                view(in)(x, y)[0] = static_cast<std::int32_t>(rng());
+        Ints out(Point(w, h));
+        Ints in_place = in;
+        if (along_x) {
+            x_box_filter(view(in), view(out), size);
+            x_box_filter(view(in_place), view(in_place), size);
+        } else {
+            y_box_filter(view(in), view(out), size);
+            y_box_filter(view(in_place), view(in_place), size);
+        }
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                std::uint32_t sum = 0;
+                for (int k = 0; k < size; ++k) {
+                    int const sx = along_x ? x + k : x, sy = along_x ? y : y + k;
+                    if (sx < w && sy < h) sum += static_cast<std::uint32_t>(view(in)(sx, sy)[0]);
+                }
+                ASSERT_EQ(static_cast<std::uint32_t>(view(out)(x, y)[0]), sum)
+                    << (along_x ? "x" : "y") << " size " << size << " at " << x << "," << y;
+                ASSERT_EQ(view(in_place)(x, y)[0], view(out)(x, y)[0]);
+            }
+    }
+}
+
+TEST(BoxFilter, RefusesMismatchedViewsAndOversizedWindows) {
+    Ints a(Point(4, 3)), b(Point(3, 4));
+    for (auto filter : {&x_box_filter, &y_box_filter}) {
+        try {
+            filter(view(a), view(b), 2);
+            FAIL();
+        } catch (Exception const& e) {
+            EXPECT_STREQ(
+                e,
+                "WEFTMAP_INTERNAL_ERROR: x_box_filter: input and output have different dimensions");
+        }
+        EXPECT_THROW(filter(view(a), view(a), -1), Exception);
+    }
+    EXPECT_THROW(x_box_filter(view(a), view(a), 5), Exception);
+    EXPECT_THROW(y_box_filter(view(a), view(a), 4), Exception);
+    EXPECT_NO_THROW(y_box_filter(view(a), view(a), 3));
+}
+
+TEST(MaskShift, MovesUpAndLeftByHalfAPatch) {
+    auto const original = test::random_image<gray8_pixel_t>(11, 9, 5);
+    for (int patch : {7, 6, 1}) {
+        auto image = original;
+        shift_mask_to_patch_corners(patch, view(image));
+        int const half = patch / 2;
+        for (int y = 0; y < 9; ++y)
+            for (int x = 0; x < 11; ++x) {
+                int const expected = x + half < 11 && y + half < 9
+                                         ? int(const_view(original)(x + half, y + half))
+                                         : 0;
+                ASSERT_EQ(int(view(image)(x, y)), expected) << patch << " at " << x << "," << y;
+            }
+    }
+    auto image = original;
+    EXPECT_THROW(shift_mask_to_patch_corners(-3, view(image)), Exception);
+}
+
+}  // namespace
+}  // namespace WM

@@ -1,0 +1,208 @@
+#include "support/random_image.hpp"
+#include "support/test_client.hpp"
+
+#include <weftmap/image/mipmap.hpp>
+#include <weftmap/image/resample.hpp>
+
+#include <gtest/gtest.h>
+
+#include <boost/gil/algorithm.hpp>
+
+#include <cstdint>
+#include <vector>
+
+namespace WM {
+namespace {
+
+using Gray = RecycledImage<gray8_pixel_t>;
+
+// The 2-to-1 reduction written out pixel by pixel.
+template <class Pixel>
+RecycledImage<Pixel> reference_reduce(ConstView<Pixel> const& parent) {
+    std::int64_t const pw = parent.width(), ph = parent.height();
+    std::int64_t const w = pw / 2, h = ph / 2;
+    RecycledImage<Pixel> level(Point(w, h));
+    for (std::int64_t y = 0; y < h; ++y)
+        for (std::int64_t x = 0; x < w; ++x) {
+            std::int64_t const sx = pw * x / w, sy = ph * y / h;
+            for (int c = 0; c < num_channels_v<Pixel>; ++c) {
+                auto const p = [&](std::int64_t dx, std::int64_t dy) {
+                    return channel_value(parent(sx + dx, sy + dy), c);
+                };
+                if constexpr (is_float_pixel_v<Pixel>) {
+                    float sum = 0.25f * p(1, 0);
+                    sum += 0.25f * p(0, 0);
+                    sum += 0.25f * p(0, 1);
+                    sum += 0.25f * p(1, 1);
+                    set_channel(view(level)(x, y), c, sum);
+                } else {
+                    long const sum = long(p(0, 0)) + p(1, 0) + p(0, 1) + p(1, 1);
+                    set_channel(view(level)(x, y), c,
+                                static_cast<channel_base_t<Pixel>>((sum + 2) / 4));
+                }
+            }
+        }
+    return level;
+}
+
+TEST(MipMap, LevelCount) {
+    EXPECT_EQ(mipmap_level_count(Point(640, 480)), 8);
+    EXPECT_EQ(mipmap_level_count(Point(1, 50)), 0);
+    EXPECT_EQ(mipmap_level_count(Point(2, 2)), 1);
+    EXPECT_EQ(mipmap_level_count(Point(3, 2)), 1);
+    EXPECT_EQ(mipmap_level_count(Point(4, 5)), 2);
+
+    Gray big(Point(640, 480));
+    MipMap<gray8_pixel_t> mipmap;
+    mipmap.build(const_view(big));
+    ASSERT_EQ(mipmap.levels.size(), 8u);
+    EXPECT_EQ(mipmap.levels[7].dimensions(), Point(5, 3));
+    EXPECT_EQ(mipmap.levels[0].allocated_bytes(), 0u);
+}
+
+TEST(MipMap, IntegerBlocksRoundHalfUp) {
+    Gray src(Point(4, 4));  // a 4x2 source would have no level of its own
+    int const values[4][4] = {{0, 0, 1, 1}, {0, 1, 0, 0}, {0, 0, 0, 0}, {0, 0, 0, 0}};
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 4; ++x) view(src)(x, y) = gray8_pixel_t(values[y][x]);
+    MipMap<gray8_pixel_t> mipmap;
+    mipmap.build(const_view(src));
+    ASSERT_EQ(mipmap.levels.size(), 2u);
+    EXPECT_EQ(int(view(mipmap.levels[1])(0, 0)), 0);  // 0,0,0,1: (1 + 2) >> 2
+    EXPECT_EQ(int(view(mipmap.levels[1])(1, 0)), 1);  // 1,1,0,0: (2 + 2) >> 2
+}
+
+TEST(MipMap, OddParentSkipsItsLastColumn) {
+    Gray src(Point(5, 4));
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 5; ++x) view(src)(x, y) = gray8_pixel_t(10 * x);
+    MipMap<gray8_pixel_t> mipmap;
+    mipmap.build(const_view(src));
+    EXPECT_EQ(int(view(mipmap.levels[1])(0, 0)), 5);   // columns 0 and 1
+    EXPECT_EQ(int(view(mipmap.levels[1])(1, 0)), 25);  // columns 2 and 3
+    view(src)(4, 0) = view(src)(4, 1) = gray8_pixel_t(255);
+    mipmap.build(const_view(src));
+    EXPECT_EQ(int(view(mipmap.levels[1])(1, 0)), 25);
+}
+
+TEST(MipMap, PreallocatedLevelsAreLockedAndReused) {
+    test::ScopedMemoryLimit restore;
+    auto const src = test::random_image<gray8_pixel_t>(40, 30, 1);
+    MipMap<gray8_pixel_t> mipmap;
+    mipmap.preallocate(Point(64, 48));
+    EXPECT_TRUE(mipmap.uses_source_view);
+    ASSERT_EQ(mipmap.levels.size(), 5u);
+    EXPECT_EQ(mipmap.levels[0].allocated_bytes(), 0u);
+    for (std::size_t i = 1; i < mipmap.levels.size(); ++i) {
+        EXPECT_TRUE(mipmap.levels[i].locked);
+        EXPECT_EQ(mipmap.levels[i].dimensions(), Point(64 >> i, 48 >> i));
+    }
+
+    // Building a smaller source allocates nothing and keeps the level count:
+    // 40x30 has only 4 levels of its own, so the last one comes out empty.
+    RecycledImage<gray8_pixel_t> out(Point(64, 64));
+    auto const larger = test::random_image<gray8_pixel_t>(66, 48, 2);
+    auto const held = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
+    BaseLimitedByteMemoryAllocator::addLimit(0);
+    mipmap.build(const_view(src));
+    EXPECT_EQ(BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize(), held);
+    ASSERT_EQ(mipmap.levels.size(), 5u);
+    EXPECT_EQ(mipmap.levels[3].dimensions(), Point(5, 3));
+    EXPECT_EQ(mipmap.levels[4].dimensions(), Point(2, 1));
+    mipmap.get(out, 5, 3);
+    EXPECT_TRUE(gil::equal_pixels(const_view(out), const_view(mipmap.levels[3])));
+
+    // A larger source fails at the first level that no longer fits.
+    EXPECT_THROW(mipmap.build(const_view(larger)), locked_recycled_image_error);
+
+    mipmap.clear();
+    EXPECT_TRUE(mipmap.levels.empty());
+    EXPECT_FALSE(mipmap.uses_source_view);
+    EXPECT_LT(BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize(), held);
+}
+
+TEST(MipMap, InconsistentSettingsAndBadSizes) {
+    auto const src = test::random_image<gray8_pixel_t>(8, 8, 3);
+    MipMap<gray8_pixel_t> mipmap;
+    mipmap.levels.resize(2);  // levels that did not come from preallocate or build
+    try {
+        mipmap.build(const_view(src));
+        FAIL();
+    } catch (Exception const& e) {
+        EXPECT_STREQ(e, "MipMap: Inconsistent preallocation memory settings");
+    }
+    EXPECT_EQ(mipmap.levels.size(), 2u);
+
+    mipmap.clear();
+    RecycledImage<gray8_pixel_t> out;
+    EXPECT_THROW(mipmap.get(out, 4, 4), Exception);  // nothing built
+    mipmap.preallocate(Point(8, 8));
+    EXPECT_THROW(mipmap.get(out, 4, 4), Exception);  // reserved, still nothing built
+
+    mipmap.build(const_view(src));
+    for (auto const& size : {Point(0, 4), Point(4, 0), Point(-1, -1)}) {
+        try {
+            mipmap.get(out, size.x, size.y);
+            FAIL();
+        } catch (Exception const& e) {
+            EXPECT_STREQ(e, "resample(): Zero or negative dimension.\n");
+        }
+    }
+    // A missing side follows from the source's aspect ratio.
+    auto const wide = test::random_image<gray8_pixel_t>(40, 20, 4);
+    mipmap.clear();
+    mipmap.build(const_view(wide));
+    mipmap.get(out, 10, -1);
+    EXPECT_EQ(out.dimensions(), Point(10, 5));
+    mipmap.get(out, -1, 15);
+    EXPECT_EQ(out.dimensions(), Point(30, 15));
+}
+
+template <class Pixel>
+class MipMapTyped : public ::testing::Test {};
+TYPED_TEST_SUITE(MipMapTyped, test::AllPixelTypes, test::PixelNames);
+
+TYPED_TEST(MipMapTyped, LevelsAndRequestsMatchAStraightforwardPyramid) {
+    using Pixel = TypeParam;
+    auto const src = test::random_image<Pixel>(77, 43, 5);
+    auto const other = test::random_image<Pixel>(50, 60, 6);
+    MipMap<Pixel> mipmap;
+    for (auto const* image : {&src, &other, &src}) {  // rebuilt from new sources
+        mipmap.build(const_view(*image));
+        ASSERT_EQ(mipmap.levels.size(), 5u);  // the first source's count stays
+        EXPECT_EQ(mipmap.levels[0].allocated_bytes(), 0u);
+
+        std::vector<RecycledImage<Pixel>> reference;
+        reference.emplace_back(*image);
+        for (int i = 1; i < mipmap_level_count(image->dimensions()); ++i) {
+            reference.push_back(reference_reduce<Pixel>(const_view(reference.back())));
+            ASSERT_EQ(mipmap.levels[i].dimensions(), reference[i].dimensions());
+            ASSERT_TRUE(gil::equal_pixels(const_view(mipmap.levels[i]), const_view(reference[i])))
+                << "level " << i;
+        }
+
+        // A request is served from the smallest level at least as large.
+        for (auto const& size :
+             {Point(image->width(), image->height()), Point(12, 9), Point(19, 10), Point(2, 2),
+              Point(100, 90), reference.back().dimensions(), reference[1].dimensions()}) {
+            std::size_t index = 0;
+            while (index + 1 < reference.size() && reference[index + 1].width() >= size.x &&
+                   reference[index + 1].height() >= size.y)
+                ++index;
+            RecycledImage<Pixel> expected, actual;
+            resample_core(const_view(reference[index]), expected, size.x, size.y, ResampleBilinear);
+            mipmap.get(actual, size.x, size.y);
+            ASSERT_TRUE(gil::equal_pixels(const_view(actual), const_view(expected)))
+                << size.x << "x" << size.y;
+        }
+    }
+    // At a level's exact size the request is a copy of that level.
+    RecycledImage<Pixel> copy;
+    mipmap.get(copy, mipmap.levels[3].width(), mipmap.levels[3].height());
+    EXPECT_TRUE(gil::equal_pixels(const_view(copy), const_view(mipmap.levels[3])));
+    mipmap.get(copy, src.width(), src.height());
+    EXPECT_TRUE(gil::equal_pixels(const_view(copy), const_view(src)));
+}
+
+}  // namespace
+}  // namespace WM
