@@ -15,13 +15,13 @@
 namespace WM::bench {
 
 class HeapAllocator : public BaseLimitedByteMemoryAllocator {
-  public:
+public:
     void* rawAllocate(unsigned long long bytes) override { return std::malloc(bytes); }
     void rawDeallocate(void* p, unsigned long long) override { std::free(p); }
 };
 
 class BenchClient : public WeftmapProcClient {
-  public:
+public:
     MemoryAllocator* GetMemoryAllocator() override { return &allocator; }
     DebugOutput* GetDebugOutput() override { return nullptr; }
     HeapAllocator allocator;

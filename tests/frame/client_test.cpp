@@ -12,7 +12,7 @@ namespace {
 
 // Re-registers the shared test client when a test is done with its own.
 class InitializeTest : public ::testing::Test {
-  protected:
+protected:
     void TearDown() override {
         test::client().threadCount = 1;
         Initialize(&test::client());

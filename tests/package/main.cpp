@@ -7,13 +7,13 @@
 namespace {
 
 class HeapAllocator : public WM::BaseLimitedByteMemoryAllocator {
-  public:
+public:
     void* rawAllocate(unsigned long long bytes) override { return std::malloc(bytes); }
     void rawDeallocate(void* p, unsigned long long) override { std::free(p); }
 };
 
 class Client : public WM::WeftmapProcClient {
-  public:
+public:
     WM::MemoryAllocator* GetMemoryAllocator() override { return &allocator; }
     WM::DebugOutput* GetDebugOutput() override { return nullptr; }
     HeapAllocator allocator;

@@ -12,19 +12,19 @@
 namespace WM::test {
 
 class HeapAllocator : public BaseLimitedByteMemoryAllocator {
-  public:
+public:
     void* rawAllocate(unsigned long long bytes) override { return std::malloc(bytes); }
     void rawDeallocate(void* p, unsigned long long) override { std::free(p); }
 };
 
 class CaptureChannel : public DebugChannel {
-  public:
+public:
     void Write(char const* text) override { written += text; }
     std::string written;
 };
 
 class TestClient : public WeftmapProcClient {
-  public:
+public:
     MemoryAllocator* GetMemoryAllocator() override { return &allocator; }
     DebugOutput* GetDebugOutput() override {
         ++debug_queries;
@@ -41,7 +41,7 @@ TestClient& client();
 
 // Installs a capturing channel for the lifetime of the object.
 class ScopedCapture {
-  public:
+public:
     explicit ScopedCapture(bool checksums = true) : output_(&channel) {
         channel.checksumsEnabled = checksums;
         channel.channelName = "test";
@@ -54,18 +54,18 @@ class ScopedCapture {
 
     CaptureChannel channel;
 
-  private:
+private:
     DebugOutput output_;
     DebugOutput* previous_ = nullptr;
 };
 
 // Restores the process-wide memory limit on scope exit.
 class ScopedMemoryLimit {
-  public:
+public:
     ScopedMemoryLimit() : saved_(BaseLimitedByteMemoryAllocator::getLimit()) {}
     ~ScopedMemoryLimit() { BaseLimitedByteMemoryAllocator::setLimit(saved_); }
 
-  private:
+private:
     unsigned long long saved_;
 };
 

@@ -12,7 +12,7 @@ class DebugOutput;
 // The host's client. The host derives from it and owns it; the library keeps
 // only a pointer, registered with Initialize.
 class WEFTMAP_API WeftmapProcClient {
-  public:
+public:
     // First slot; the library never calls it.
     virtual ~WeftmapProcClient();
     // All image memory passes through this allocator. Asked again at every
@@ -41,7 +41,7 @@ WEFTMAP_API unsigned int GetVersions(int& builtTbbInterface, int& runtimeTbbInte
 
 // Timing is compiled out; the class keeps instrumentation sites in shape.
 class WEFTMAP_API BenchmarkTimer {
-  public:
+public:
     explicit BenchmarkTimer(double& seconds);
     ~BenchmarkTimer();
     void Stop();

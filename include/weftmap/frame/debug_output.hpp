@@ -14,7 +14,7 @@ namespace WM {
 
 // A host object that receives finished texts.
 class WEFTMAP_API DebugChannel {
-  public:
+public:
     virtual ~DebugChannel();
     virtual void Flush();
     // Receives one finished text; the library adds no line ending.
@@ -27,7 +27,7 @@ class WEFTMAP_API DebugChannel {
 
 // What GetDebugOutput returns: a holder of the channel.
 class WEFTMAP_API DebugOutput {
-  public:
+public:
     explicit DebugOutput(DebugChannel* channel = nullptr) : channel(channel) {}
     void Print(std::string const& text);
 

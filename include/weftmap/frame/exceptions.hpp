@@ -12,7 +12,7 @@
 namespace WM {
 
 class WEFTMAP_API Exception {
-  public:
+public:
     explicit Exception(char const* text);
     explicit Exception(std::string text);
     explicit Exception(std::ostringstream const& text);
@@ -31,7 +31,7 @@ class WEFTMAP_API Exception {
 
 // A source image without enough patches to sample from.
 class WEFTMAP_API ExceptionNotEnoughPatches : public Exception {
-  public:
+public:
     using Exception::Exception;
     ExceptionNotEnoughPatches(ExceptionNotEnoughPatches const& other) = default;
     ExceptionNotEnoughPatches& operator=(ExceptionNotEnoughPatches const& other) = default;
@@ -39,7 +39,7 @@ class WEFTMAP_API ExceptionNotEnoughPatches : public Exception {
 
 // The process-wide memory limit was reached.
 class WEFTMAP_API ExceptionMemoryLimit : public Exception {
-  public:
+public:
     using Exception::Exception;
     ExceptionMemoryLimit(ExceptionMemoryLimit const& other) = default;
     ExceptionMemoryLimit& operator=(ExceptionMemoryLimit const& other) = default;

@@ -13,7 +13,7 @@
 namespace WM {
 
 class BlockedRange {
-  public:
+public:
     BlockedRange(int begin, int end, std::uint64_t grain)
         : end_(end), begin_(begin), grain_(grain) {}
     // Splitting constructor: `other` keeps the lower half.
@@ -33,7 +33,7 @@ class BlockedRange {
         return grain_ < static_cast<std::uint64_t>(size);
     }
 
-  private:
+private:
     int mid() const {
         auto const half =
             (static_cast<std::uint32_t>(end_) - static_cast<std::uint32_t>(begin_)) >> 1;

@@ -10,14 +10,14 @@
 namespace WM {
 
 class WEFTMAP_API bounds_exception_t : public std::exception {
-  public:
+public:
     char const* what() const noexcept override;
 };
 
 // `N` is a plain tag that tells the two uses apart (weights and distances).
 template <class ViewT, int N>
 class inset_view {
-  public:
+public:
     using view_t = ViewT;
     using value_type = typename ViewT::value_type;
 

@@ -10,7 +10,7 @@
 namespace WM {
 
 class WEFTMAP_API MemoryAllocator {
-  public:
+public:
     virtual ~MemoryAllocator();
     virtual void* allocate(unsigned long long bytes) = 0;
     // `bytes` is the size that was given to allocate.
@@ -22,7 +22,7 @@ class WEFTMAP_API MemoryAllocator {
 // Keeps the process-wide count of bytes held and the limit; the host
 // supplies the raw memory operations.
 class WEFTMAP_API BaseLimitedByteMemoryAllocator : public MemoryAllocator {
-  public:
+public:
     void* allocate(unsigned long long bytes) override;
     void deallocate(void* p, unsigned long long bytes) override;
     unsigned long long maxSize() const override;
@@ -45,7 +45,7 @@ class WEFTMAP_API BaseLimitedByteMemoryAllocator : public MemoryAllocator {
 // allocation and forwards to the client's allocator.
 template <class T>
 class WMAllocator {
-  public:
+public:
     using value_type = T;
 
     WMAllocator() = default;

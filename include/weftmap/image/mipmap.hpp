@@ -23,7 +23,7 @@ inline int mipmap_level_count(Point const& dims) {
 
 template <class Pixel>
 class WEFTMAP_API MipMap {
-  public:
+public:
     // Reserves and locks the levels for sources up to `dims`, so that running
     // out of memory shows up here and not halfway through an operation.
     void preallocate(Point const& dims);

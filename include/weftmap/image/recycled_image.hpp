@@ -16,7 +16,7 @@
 namespace WM {
 
 class WEFTMAP_API locked_recycled_image_error : public std::exception {
-  public:
+public:
     char const* what() const noexcept override;
 };
 
@@ -24,7 +24,7 @@ template <class Pixel, int IsPlanar = 0, class Alloc = WMAllocator<unsigned char
 class recycled_image {
     static_assert(IsPlanar == 0, "only interleaved images exist");
 
-  public:
+public:
     using value_type = Pixel;
     using view_t = View<Pixel>;
     using const_view_t = ConstView<Pixel>;
@@ -115,7 +115,7 @@ class recycled_image {
     // Public on purpose: the owner sets it around a sizing recreate.
     bool locked = false;
 
-  private:
+private:
     bool fits(Point const& dims) const { return needed_bytes(dims) <= allocated_bytes_; }
 
     void reshape(Point const& dims) {
