@@ -16,3 +16,6 @@
 #include <weftmap/image/resample.hpp>
 #include <weftmap/image/roifill.hpp>
 
+
+#include <weftmap/correspondence/patch_compare.hpp>
+#include <weftmap/correspondence/region_masks.hpp>
