@@ -1,0 +1,252 @@
+#include "correspondence/recording_client.hpp"
+#include "support/random_image.hpp"
+#include "support/test_client.hpp"
+
+#include <weftmap/correspondence/random.hpp>
+#include <weftmap/correspondence/weftmap.hpp>
+
+#include <gtest/gtest.h>
+
+#include <boost/gil/algorithm.hpp>
+
+namespace WM {
+namespace test {
+
+ScopedBands::ScopedBands(long long bands) : saved_(client().threadCount) {
+    client().threadCount = bands;
+}
+ScopedBands::~ScopedBands() {
+    client().threadCount = saved_;
+}
+
+}  // namespace test
+
+namespace {
+
+// A source of noise and a target cut out of it at (5, 3): every target
+// patch has an exact match.
+template <class Compare>
+struct CropFixture {
+    using Pixel = typename Compare::pixel_t;
+    static constexpr int dx = 5, dy = 3;
+
+    CropFixture()
+        : source(test::random_image<Pixel>(70, 50, 11)), target(Point(50, 36)), engine(&client) {
+        boost::gil::copy_pixels(boost::gil::subimage_view(const_view(source), dx, dy, 50, 36),
+                                view(target));
+        if constexpr (is_gain_bias_compare_v<Compare>)
+            engine.comparator.preallocate_buffers(target.dimensions(), source.dimensions(),
+                                                  Point(0, 0), false, false, false, false, false);
+    }
+
+    void init() {
+        engine.init_nnf(target.dimensions(), source.dimensions(), nnf, nullptr, nullptr, nullptr);
+        engine.init_dist(const_view(target), const_view(source), view(nnf), dist, nullptr, nullptr,
+                         nullptr);
+    }
+    void search(int passes) {
+        engine.nn_iters = passes;
+        engine.search(const_view(target), const_view(source), view(nnf), view(dist), nullptr,
+                      nullptr, nullptr, 0, 0, 0, nullptr);
+    }
+    double exact_share() const {
+        int exact = 0, total = 0;
+        for (int y = 0; y <= 36 - 7; ++y)
+            for (int x = 0; x <= 50 - 7; ++x, ++total) {
+                auto const p = const_view(nnf)(x, y);
+                if (p[0] == x + dx && p[1] == y + dy && const_view(dist)(x, y)[0] == 0) ++exact;
+            }
+        return double(exact) / total;
+    }
+
+    RecycledImage<Pixel> source, target;
+    test::RecordingClient<Pixel> client;
+    Weftmap<Compare> engine;
+    RecycledImage<offset_pixel_t> nnf;
+    RecycledImage<distance_pixel_t<Pixel>> dist;
+};
+
+template <class Pixel>
+class SearchTyped : public ::testing::Test {};
+TYPED_TEST_SUITE(SearchTyped, test::AllPixelTypes, test::PixelNames);
+
+TYPED_TEST(SearchTyped, FindsTheTrueOffsetOfAShiftedCrop) {
+    CropFixture<TranslatePatchCompare<TypeParam>> f;
+    f.init();
+    f.search(4);
+    EXPECT_GT(f.exact_share(), 0.99);
+}
+
+TYPED_TEST(SearchTyped, OneBandIsReproducibleAndKernelsAgree) {
+    using Compare = TranslatePatchCompare<TypeParam>;
+    test::ScopedBands one_band(1);
+    RandomGenerator const start = global_random();
+    auto run = [&](bool vector) {
+        test::client().useVectorKernels = vector;
+        global_random() = start;
+        CropFixture<Compare> f;
+        f.init();
+        f.search(2);
+        test::client().useVectorKernels = 1;
+        return std::make_pair(f.nnf, f.dist);
+    };
+    auto const first = run(true);
+    auto const second = run(true);
+    EXPECT_TRUE(boost::gil::equal_pixels(const_view(first.first), const_view(second.first)));
+    if constexpr (!is_float_pixel_v<TypeParam>) {
+        auto const scalar = run(false);
+        EXPECT_TRUE(boost::gil::equal_pixels(const_view(first.first), const_view(scalar.first)));
+        EXPECT_TRUE(boost::gil::equal_pixels(const_view(first.second), const_view(scalar.second)));
+    }
+}
+
+TEST(Search, DistancesNeverIncreaseAndStayTrueToTheirMatches) {
+    using Pixel = rgb16_pixel_t;
+    using Compare = TranslatePatchCompare<Pixel>;
+    test::RecordingClient<Pixel> client;
+    Weftmap<Compare> engine(&client);
+    auto const a = test::random_image<Pixel>(40, 30, 5);
+    auto const b = test::random_image<Pixel>(35, 33, 6);
+    RecycledImage<offset_pixel_t> nnf;
+    RecycledImage<ll_gray_pixel_t> dist;
+    engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
+    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
+    engine.nn_iters = 1;
+    for (int pass = 0; pass < 4; ++pass) {
+        RecycledImage<ll_gray_pixel_t> const before = dist;
+        engine.search(const_view(a), const_view(b), view(nnf), view(dist), nullptr, nullptr,
+                      nullptr, 0, 0, pass, nullptr);
+        RecycledImage<ll_gray_pixel_t> recomputed;
+        engine.init_dist(const_view(a), const_view(b), view(nnf), recomputed, nullptr, nullptr,
+                         nullptr);
+        for (int y = 0; y < 24; ++y)
+            for (int x = 0; x < 34; ++x) {
+                ASSERT_LE(const_view(dist)(x, y)[0], const_view(before)(x, y)[0]);
+                // The incremental rule keeps stored distances exact.
+                ASSERT_EQ(const_view(dist)(x, y)[0], const_view(recomputed)(x, y)[0]);
+            }
+    }
+}
+
+TEST(Search, GainBiasComparatorFindsTheCropToo) {
+    CropFixture<GainBiasPatchCompare<rgb8_pixel_t>> f;
+    f.init();
+    f.search(4);
+    EXPECT_GT(f.exact_share(), 0.97);
+}
+
+TEST(Search, NeverChoosesForbiddenSourcesOrOtherRegions) {
+    using Pixel = gray8_pixel_t;
+    test::RecordingClient<Pixel> client;
+    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    Point const size(48, 40);
+    auto const a = test::random_image<Pixel>(size.x, size.y, 21);
+    auto const b = test::random_image<Pixel>(size.x, size.y, 22);
+
+    RecycledImage<gray8_pixel_t> b_mask(size);
+    boost::gil::fill_pixels(view(b_mask), gray8_pixel_t(0));
+    for (int y = 0; y < size.y; ++y)
+        for (int x = 10; x < 20; ++x) view(b_mask)(x, y) = gray8_pixel_t(255);
+    RegionMasks regions;
+    regions.recreate(size);
+    for (int y = 0; y < size.y; ++y)
+        for (int x = 0; x < size.x; ++x) regions.view(x, y) = gray8_pixel_t(y < 20 ? 0 : 1);
+    regions.update_boxes(7);
+
+    SampleRegions samples;
+    samples.build(&view(b_mask), &regions, size.x - 6, size.y - 6);
+    RecycledImage<offset_pixel_t> nnf;
+    RecycledImage<int_gray_pixel_t> dist;
+    engine.init_nnf(size, size, nnf, &regions, nullptr, &samples);
+    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, &view(b_mask), &regions,
+                     nullptr);
+    RecycledImage<int_gray_pixel_t> const start = dist;
+    engine.nn_iters = 4;
+    engine.search(const_view(a), const_view(b), view(nnf), view(dist), nullptr, &view(b_mask),
+                  nullptr, 0, 0, 0, &regions);
+    int improved = 0;
+    for (int y = 0; y <= size.y - 7; ++y)
+        for (int x = 0; x <= size.x - 7; ++x) {
+            auto const p = const_view(nnf)(x, y);
+            ASSERT_EQ(view(b_mask)(p[0], p[1]), gray8_pixel_t(0)) << x << "," << y;
+            ASSERT_EQ(regions.view(p[0], p[1]), regions.view(x, y)) << x << "," << y;
+            improved += const_view(dist)(x, y)[0] < const_view(start)(x, y)[0];
+        }
+    EXPECT_GT(improved, 42 * 34 / 2);
+}
+
+TEST(Search, StaysInsideTheSearchWindow) {
+    using Pixel = rgb8_pixel_t;
+    test::RecordingClient<Pixel> client;
+    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    auto const a = test::random_image<Pixel>(50, 40, 31);
+    auto const b = test::random_image<Pixel>(60, 45, 32);
+    engine.half_search_window = 6;
+    engine.current_scale = 1.5;  // a window of 9
+    RecycledImage<offset_pixel_t> nnf;
+    RecycledImage<int_gray_pixel_t> dist;
+    engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
+    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
+    engine.nn_iters = 3;
+    engine.search(const_view(a), const_view(b), view(nnf), view(dist), nullptr, nullptr, nullptr, 0,
+                  0, 0, nullptr);
+    // The window is centred on the position the patch would have if the
+    // source were the target stretched to its size.
+    float const fx = 59.0f / 49.0f, fy = 44.0f / 39.0f;
+    float const ox = -10 * 0.5f / 49.0f, oy = -5 * 0.5f / 39.0f;
+    for (int y = 0; y <= 33; ++y)
+        for (int x = 0; x <= 43; ++x) {
+            int const ex = int((x + 3.5f) * fx + ox - 3.5f + 0.5f);
+            int const ey = int((y + 3.5f) * fy + oy - 3.5f + 0.5f);
+            auto const p = const_view(nnf)(x, y);
+            // Random starts cover [e - 9, e + 9); the search only accepts
+            // candidates strictly inside the window.
+            ASSERT_GE(int(p[0]) - ex, -9) << x << "," << y;
+            ASSERT_LT(int(p[0]) - ex, 9) << x << "," << y;
+            ASSERT_GE(int(p[1]) - ey, -9) << x << "," << y;
+            ASSERT_LT(int(p[1]) - ey, 9) << x << "," << y;
+        }
+}
+
+TEST(Search, CancellationLeavesAValidFieldAndProgressComesInOrder) {
+    CropFixture<TranslatePatchCompare<rgb8_pixel_t>> f;
+    f.init();
+    f.engine.progress_table = {0.25f, 0.5f, 0.75f};
+    f.engine.progress_cursor = 0;
+    f.search(5);
+    EXPECT_EQ(f.client.progress, (std::vector<float>{0.25f, 0.5f, 0.75f, 0.75f, 0.75f}));
+    EXPECT_GT(f.client.abort_polls.load(), 0);
+
+    f.client.cancel = true;
+    f.init();
+    try {
+        f.search(3);
+        FAIL();
+    } catch (Exception const& e) {
+        EXPECT_STREQ(e, "WEFTMAP_USER_CANCELED");
+    }
+    for (int y = 0; y <= 36 - 7; ++y)
+        for (int x = 0; x <= 50 - 7; ++x) {
+            auto const p = const_view(f.nnf)(x, y);
+            ASSERT_LE(p[0], 70 - 7);
+            ASSERT_LE(p[1], 50 - 7);
+        }
+}
+
+TEST(Search, RefusesASizeOtherThanSevenAndARadiusThatNeverShrinks) {
+    CropFixture<TranslatePatchCompare<gray8_pixel_t>> f;
+    f.init();
+    f.engine.rs_ratio = 1.0;
+    EXPECT_THROW(f.search(1), Exception);
+    f.engine.rs_ratio = 0.5;
+    f.engine.patch_w = 9;
+    try {
+        f.search(1);
+        FAIL();
+    } catch (Exception const& e) {
+        EXPECT_STREQ(e, "WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: 9");
+    }
+}
+
+}  // namespace
+}  // namespace WM
