@@ -19,3 +19,9 @@
 
 #include <weftmap/correspondence/patch_compare.hpp>
 #include <weftmap/correspondence/region_masks.hpp>
+#include <weftmap/correspondence/minnn.hpp>
+#include <weftmap/correspondence/random.hpp>
+#include <weftmap/correspondence/sample_regions.hpp>
+#include <weftmap/correspondence/search.hpp>
+#include <weftmap/correspondence/vote.hpp>
+#include <weftmap/correspondence/weftmap.hpp>

@@ -1,0 +1,314 @@
+// Voting: patches rebuild the image from correspondence fields.
+// Instantiated per depth in vote_*.cpp.
+#pragma once
+
+#include <weftmap/correspondence/weftmap.hpp>
+#include <weftmap/frame/debug_output.hpp>
+#include <weftmap/frame/exceptions.hpp>
+#include <weftmap/frame/parallel.hpp>
+
+#include <boost/gil/algorithm.hpp>
+
+#include <atomic>
+
+namespace WM {
+namespace detail {
+
+// The mean of the votes, rounded half up and clamped for integer channels.
+template <class Channel>
+inline Channel normalised_channel(double mean) {
+    if constexpr (std::is_floating_point_v<Channel>) {
+        return static_cast<Channel>(mean);
+    } else {
+        double const t = mean + 0.5;
+        constexpr double limit = double(std::numeric_limits<Channel>::max()) + 1.0;
+        if (!(t < limit)) return std::numeric_limits<Channel>::max();
+        // Below zero only with negative weights; narrowing wraps as it would.
+        return static_cast<Channel>(t > -2147483648.0 ? static_cast<int>(t) : 0);
+    }
+}
+
+// Writes the weighted mean of `acc` to `out`; false when it holds no weight.
+template <class Pixel>
+inline bool normalise(accumulator_pixel_t<Pixel> const& acc, Pixel& out) {
+    constexpr int n = num_channels_v<Pixel>;
+    double const weight = acc[n];
+    if (weight == 0.0) return false;
+    double const q = 1.0 / weight;
+    for (int c = 0; c < n; ++c)
+        set_channel(out, c, normalised_channel<channel_base_t<Pixel>>(q * acc[c]));
+    return true;
+}
+
+template <class Pixel>
+inline void add_vote(accumulator_pixel_t<Pixel>& acc, Pixel const& p, double weight) {
+    constexpr int n = num_channels_v<Pixel>;
+    for (int c = 0; c < n; ++c) acc[c] += weight * static_cast<double>(channel_value(p, c));
+    acc[n] += weight;
+}
+
+// The source patch a target patch votes: the raw pixels of `b`, or for the
+// gain/bias comparator the patch adjusted to the target's statistics.
+template <class Compare>
+class VotedPatch {
+public:
+    using pixel_t = typename Compare::pixel_t;
+
+    VotedPatch(Compare const& comparator, ConstView<pixel_t> const& b, int sx, int sy, int tx,
+               int ty) {
+        if constexpr (is_gain_bias_compare_v<Compare>) {
+            comparator.patch_transform(b, sx, sy, tx, ty,
+                                       gil::interleaved_view(7, 7, pixels_, 7 * sizeof(pixel_t)));
+            view_ = gil::interleaved_view(7, 7, static_cast<pixel_t const*>(pixels_),
+                                          7 * sizeof(pixel_t));
+        } else {
+            view_ = gil::subimage_view(b, sx, sy, 7, 7);
+        }
+    }
+    pixel_t const& operator()(int i, int j) const { return view_(i, j); }
+
+private:
+    pixel_t pixels_[is_gain_bias_compare_v<Compare> ? 49 : 1];
+    ConstView<pixel_t> view_;
+};
+
+template <class Pixel>
+struct norm_image_body {
+    ConstView<accumulator_pixel_t<Pixel>> acc;
+    View<Pixel> out;  // the box's part of the output
+    void operator()(BlockedRange const& rows) const {
+        for (int r = rows.begin(); r < rows.end(); ++r)
+            for (std::ptrdiff_t x = 0; x < out.width(); ++x) normalise(acc(x, r), out(x, r));
+    }
+};
+
+template <class Pixel>
+struct norm_image_init_body {
+    ConstView<accumulator_pixel_t<Pixel>> acc;
+    View<Pixel> out;
+    View<Pixel> init;  // the same part of the initial image
+    void operator()(BlockedRange const& rows) const {
+        for (int r = rows.begin(); r < rows.end(); ++r)
+            for (std::ptrdiff_t x = 0; x < out.width(); ++x)
+                if (!normalise(acc(x, r), out(x, r))) out(x, r) = init(x, r);
+    }
+};
+
+// One task of the low-memory vote: all rows, the columns [begin, end) and the
+// patches that reach into them, through a ring of seven accumulator rows.
+template <class Compare>
+struct vote_n_lomem_body {
+    using pixel_t = typename Compare::pixel_t;
+
+    ConstView<pixel_t> b;
+    OffsetView nnf;
+    View<pixel_t> out;
+    View<accumulator_pixel_t<pixel_t>> ring;
+    GrayView const* b_mask;
+    WeightInsetView const* b_weights;
+    RegionMasks const* a_mask;
+    WeightInsetView const* a_weights;
+    View<pixel_t> const* init;
+    bool constrained;
+    Box box;  // grown by six
+    Compare const* comparator;
+    ClientBase<pixel_t>* client;
+    std::atomic<bool>* abort_flag;
+
+    void operator()(BlockedRange const& columns) const {
+        int const begin = columns.begin(), end = columns.end();
+        int const first = std::max(box.xmin, begin - 6);
+        for (int y = box.ymin; y < box.ymax; ++y) {
+            for (int x = first; x < end; ++x) {
+                vote_patch(x, y, std::max(begin - x, 0), std::min(end - x, 7));
+                if (x >= begin) finish_pixel(x, y);
+            }
+        }
+        abort_flag->store(client != nullptr && client->checkAbort(), std::memory_order_relaxed);
+    }
+
+    void vote_patch(int x, int y, int lo, int hi) const {
+        if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) return;
+        auto const match = nnf(x, y);
+        int const sx = match[0], sy = match[1];
+        bool const source_filter = !constrained;
+        if (source_filter && b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) return;
+        double weight =
+            a_weights != nullptr ? double(channel_value((*a_weights)(x + 3, y + 3), 0)) : 1.0;
+        if (source_filter && b_weights != nullptr)
+            weight *= double(channel_value((*b_weights)(sx + 3, sy + 3), 0));
+        VotedPatch<Compare> const patch(*comparator, b, sx, sy, x, y);
+        for (int j = 0; j < 7; ++j) {
+            auto const row = ring.row_begin((y + j) % 7);
+            for (int i = lo; i < hi; ++i) add_vote(row[x + i - box.xmin], patch(i, j), weight);
+        }
+    }
+
+    // Every patch covering (x, y) has voted: normalise and reset.
+    void finish_pixel(int x, int y) const {
+        auto& acc = ring(x - box.xmin, y % 7);
+        if (!normalise(acc, out(x, y)) && init != nullptr) out(x, y) = (*init)(x, y);
+        acc = accumulator_pixel_t<pixel_t>(0.0);
+    }
+};
+
+// A copy of the box's part of a weights view that keeps its lookup
+// coordinates: patch (x, y) of the box finds its centre weight.
+template <class Weights>
+WeightInsetView box_weights(Weights& buffer, Box const& box, WeightInsetView const& given) {
+    WeightInsetView result(view(buffer), given.dimensions(), Point(box.xmin + 3, box.ymin + 3));
+    return result;
+}
+
+}  // namespace detail
+
+template <class Compare>
+void Weftmap<Compare>::vote(const_image_view_t const& b, OffsetView const& nnf,
+                            image_view_t const& out, OffsetView const* bnn, GrayView const* b_mask,
+                            WeightInsetView const* b_weights, double coherence_weight,
+                            double complete_weight, RegionMasks* a_mask,
+                            WeightInsetView const* a_weights, image_view_t const* init,
+                            RegionMasks* region_masks, image_view_t const*, bool constrained) {
+    if (vote_algorithm == VoteCentroid) raise("Centroid unsupported\n");
+    if (vote_algorithm != VoteWeightedMean)
+        raise("WEFTMAP_INVALID_PARAMETERS:Unknown voting algorithm: %d", vote_algorithm);
+    if (patch_w != 7) raise("WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: %d", patch_w);
+
+    Box box = get_abox(7, nnf.dimensions(), a_mask);
+    Point const box_size = box.size();
+
+    // Coherent weights: a patch whose diagonal neighbours continue its
+    // match keeps its weight, a lone one keeps a tenth.
+    WeightInsetView weights_in_buffer;
+    if (prefer_coherent && allow_coherent && a_weights != nullptr) {
+        _weight_buf.recreate(box_size);
+        auto const& w = view(_weight_buf);
+        for (int y = box.ymin; y < box.ymax; ++y)
+            for (int x = box.xmin; x < box.xmax; ++x)
+                w(x - box.xmin, y - box.ymin) = (*a_weights)(x + 3, y + 3);
+        static constexpr double table[5] = {0.1, 0.2, 0.3, 0.6, 1.0};
+        for (int y = box.ymin; y < box.ymax; ++y)
+            for (int x = box.xmin; x < box.xmax; ++x) {
+                if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) continue;
+                auto const match = nnf(x, y);
+                int count = 0;
+                for (int j : {-1, 1})
+                    for (int i : {-1, 1}) {
+                        int const nx = x + i, ny = y + j;
+                        if (nx < 0 || nx > nnf.width() - 7 || ny < 0 || ny > nnf.height() - 7)
+                            continue;
+                        auto const n = nnf(nx, ny);
+                        count += n[0] == match[0] + i && n[1] == match[1] + j;
+                    }
+                auto& weight = w(x - box.xmin, y - box.ymin);
+                weight = weight_pixel_t(
+                    static_cast<float>(double(channel_value(weight, 0)) * table[count]));
+            }
+        weights_in_buffer = detail::box_weights(_weight_buf, box, *a_weights);
+        a_weights = &weights_in_buffer;
+    }
+    if (region_masks != nullptr && a_weights != nullptr && a_weights != &weights_in_buffer) {
+        _weight_buf.recreate(box_size);
+        auto const& w = view(_weight_buf);
+        for (int y = box.ymin; y < box.ymax; ++y)
+            for (int x = box.xmin; x < box.xmax; ++x)
+                w(x - box.xmin, y - box.ymin) = (*a_weights)(x + 3, y + 3);
+        weights_in_buffer = detail::box_weights(_weight_buf, box, *a_weights);
+        a_weights = &weights_in_buffer;
+    }
+
+    auto const grow_checked = [&] {
+        box.xmax += 6;
+        box.ymax += 6;
+        if (box.xmax > out.width())
+            raise("WEFTMAP_INTERNAL_ERROR: box.xmax > out.width inside vote_n");
+        if (box.ymax > out.height())
+            raise("WEFTMAP_INTERNAL_ERROR: box.ymax > out.height inside vote_n");
+    };
+    auto const acc_size = Point(box_size.x + 6, box_size.y + 6);
+
+    if (bnn == nullptr) {
+        // Low-memory vote: a ring of seven rows, parallel over columns.
+        _vote_buf.recreate(Point(acc_size.x, 7));
+        gil::fill_pixels(view(_vote_buf), accumulator_pixel_t<pixel_t>(0.0));
+        grow_checked();
+        std::atomic<bool> abort_flag{false};
+        detail::vote_n_lomem_body<Compare> const body{
+            b,    nnf,         out, view(_vote_buf), b_mask, b_weights,  a_mask, a_weights,
+            init, constrained, box, &comparator,     client, &abort_flag};
+        parallel_range(box.xmin, box.xmax, grain_for_width(box.ymax - box.ymin), body);
+        if (abort_flag.load()) raise("WEFTMAP_USER_CANCELED");
+        OutputDebugChecksum("vote_p_lomem: output: ", out);
+        return;
+    }
+
+    // Both fields: a full accumulator, filled on this thread since the
+    // votes of different patches meet on the same pixels.
+    if (is_gain_bias_compare_v<Compare>) {
+        debug_log("Not implemented: color transform for completeness\n");
+        raise("WEFTMAP_INTERNAL_ERROR: patch transform not implemented for completeness (vote_n)");
+    }
+    _vote_buf.recreate(acc_size);
+    auto const& acc = view(_vote_buf);
+    gil::fill_pixels(acc, accumulator_pixel_t<pixel_t>(0.0));
+    double const cs =
+        coherence_weight / static_cast<double>((nnf.height() - 6) * (nnf.width() - 6));
+    double const ps =
+        complete_weight / static_cast<double>((bnn->width() - 6) * (bnn->height() - 6));
+
+    for (int y = box.ymin; y < box.ymax; ++y)
+        for (int x = box.xmin; x < box.xmax; ++x) {
+            if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) continue;
+            auto const match = nnf(x, y);
+            int const sx = match[0], sy = match[1];
+            if (!constrained && b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) continue;
+            double weight = cs;
+            if (a_weights != nullptr)
+                weight = double(channel_value((*a_weights)(x + 3, y + 3), 0)) * cs;
+            if (!constrained && b_weights != nullptr)
+                weight *= double(channel_value((*b_weights)(sx + 3, sy + 3), 0));
+            for (int j = 0; j < 7; ++j)
+                for (int i = 0; i < 7; ++i)
+                    detail::add_vote(acc(x - box.xmin + i, y - box.ymin + j), b(sx + i, sy + j),
+                                     weight);
+        }
+
+    for (int sy = 0; sy <= bnn->height() - 7; ++sy)
+        for (int sx = 0; sx <= bnn->width() - 7; ++sx) {
+            if (b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) continue;
+            auto const target = (*bnn)(sx, sy);
+            double const weight = b_weights != nullptr
+                                      ? double(channel_value((*b_weights)(sx + 3, sy + 3), 0)) * ps
+                                      : ps;
+            // Only the part of the target patch that the accumulator covers
+            // can change the output; the rest is frozen.
+            int const ax = target[0] - box.xmin, ay = target[1] - box.ymin;
+            for (int j = std::max(0, -ay); j < std::min(7, int(acc.height()) - ay); ++j)
+                for (int i = std::max(0, -ax); i < std::min(7, int(acc.width()) - ax); ++i)
+                    detail::add_vote(acc(ax + i, ay + j), b(sx + i, sy + j), weight);
+        }
+
+    grow_checked();
+    auto const out_box = gil::subimage_view(out, box.xmin, box.ymin, acc_size.x, acc_size.y);
+    int const grain = grain_for_width(acc_size.x);
+    if (init != nullptr) {
+        auto const init_box = gil::subimage_view(*init, box.xmin, box.ymin, acc_size.x, acc_size.y);
+        parallel_range(0, static_cast<int>(acc_size.y), grain,
+                       detail::norm_image_init_body<pixel_t>{acc, out_box, init_box});
+    } else {
+        OutputDebugChecksum("norm_image: subimage before: ", out_box);
+        parallel_range(0, static_cast<int>(acc_size.y), grain,
+                       detail::norm_image_body<pixel_t>{acc, out_box});
+        OutputDebugChecksum("norm_image: subimage after: ", out_box);
+    }
+}
+
+#define WEFTMAP_INSTANTIATE_VOTE_FOR(C)                                                           \
+    template WEFTMAP_API void Weftmap<C>::vote(                                                   \
+        ConstView<C::pixel_t> const&, OffsetView const&, View<C::pixel_t> const&,                 \
+        OffsetView const*, GrayView const*, WeightInsetView const*, double, double, RegionMasks*, \
+        WeightInsetView const*, View<C::pixel_t> const*, RegionMasks*, View<C::pixel_t> const*,   \
+        bool);
+#define WEFTMAP_INSTANTIATE_VOTE(P) WEFTMAP_FOR_BOTH_COMPARES(P, WEFTMAP_INSTANTIATE_VOTE_FOR)
+
+}  // namespace WM

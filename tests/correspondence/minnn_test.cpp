@@ -1,0 +1,106 @@
+#include "correspondence/recording_client.hpp"
+#include "support/random_image.hpp"
+#include "support/test_client.hpp"
+
+#include <weftmap/correspondence/minnn.hpp>
+
+#include <gtest/gtest.h>
+
+#include <boost/gil/algorithm.hpp>
+
+namespace WM {
+namespace {
+
+template <class Compare>
+void check_minnn_keeps_the_better_match() {
+    using Pixel = typename Compare::pixel_t;
+    test::RecordingClient<Pixel> client;
+    Weftmap<Compare> engine(&client);
+    auto const a = test::random_image<Pixel>(40, 32, 1);
+    auto const b = test::random_image<Pixel>(44, 30, 2);
+    if constexpr (is_gain_bias_compare_v<Compare>)
+        engine.comparator.preallocate_buffers(a.dimensions(), b.dimensions(), Point(0, 0), false,
+                                              false, false, false, false);
+    RecycledImage<offset_pixel_t> nnf, previous;
+    RecycledImage<distance_pixel_t<Pixel>> dist, previous_dist;
+    engine.init_nnf(a.dimensions(), b.dimensions(), previous, nullptr, nullptr, nullptr);
+    engine.init_dist(const_view(a), const_view(b), view(previous), previous_dist, nullptr, nullptr,
+                     nullptr);
+    engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
+    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
+    RecycledImage<distance_pixel_t<Pixel>> const before = dist;
+
+    engine.nn_iters = 5;
+    engine.rs_max = 1000;
+    minnn(engine, const_view(a), const_view(b), view(nnf), view(dist), view(previous), nullptr,
+          nullptr, 0, 1, nullptr, nullptr, 2, 1);
+    EXPECT_EQ(engine.nn_iters, 5);
+    EXPECT_EQ(engine.rs_max, 1000);
+    for (int y = 0; y <= 32 - 7; ++y)
+        for (int x = 0; x <= 40 - 7; ++x) {
+            auto const d = const_view(dist)(x, y)[0];
+            ASSERT_LE(d, const_view(before)(x, y)[0]);
+            // Float bounded sums start from -best and may round differently
+            // from the full sum by an ulp or so.
+            auto const previous_d = const_view(previous_dist)(x, y)[0];
+            if constexpr (is_float_pixel_v<Pixel>)
+                ASSERT_LE(d, previous_d * (1 + 1e-5f));
+            else
+                ASSERT_LE(d, previous_d);
+        }
+}
+
+TEST(Minnn, NeverMakesADistanceWorse) {
+    check_minnn_keeps_the_better_match<TranslatePatchCompare<rgb8_pixel_t>>();
+    check_minnn_keeps_the_better_match<TranslatePatchCompare<cmyk16_pixel_t>>();
+    check_minnn_keeps_the_better_match<TranslatePatchCompare<gray32f_pixel_t>>();
+    check_minnn_keeps_the_better_match<GainBiasPatchCompare<rgb8_pixel_t>>();
+}
+
+TEST(Minnn, RestoresTheSearchBudgetAfterACancelledExtraSearch) {
+    using Pixel = gray8_pixel_t;
+    test::RecordingClient<Pixel> client;
+    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    auto const a = test::random_image<Pixel>(30, 30, 3);
+    auto const b = test::random_image<Pixel>(30, 30, 4);
+    RecycledImage<offset_pixel_t> nnf;
+    RecycledImage<int_gray_pixel_t> dist;
+    engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
+    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
+    RecycledImage<offset_pixel_t> const previous = nnf;
+    engine.nn_iters = 7;
+    engine.rs_max = 99;
+    client.cancel = true;
+    EXPECT_THROW(minnn(engine, const_view(a), const_view(b), view(nnf), view(dist),
+                       view(const_cast<RecycledImage<offset_pixel_t>&>(previous)), nullptr, nullptr,
+                       0, 1, nullptr, nullptr, 2, 1),
+                 Exception);
+    EXPECT_EQ(engine.nn_iters, 7);
+    EXPECT_EQ(engine.rs_max, 99);
+    // The same field as before: the minimum step changed nothing.
+    EXPECT_EQ(client.progress.size(), 0u);
+}
+
+TEST(Minnn, LeavesPixelsWhosePreviousMatchIsOutOfRangeOrATie) {
+    using Pixel = rgb8_pixel_t;
+    test::RecordingClient<Pixel> client;
+    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    auto const a = test::random_image<Pixel>(20, 20, 5);
+    RecycledImage<offset_pixel_t> nnf(a.dimensions()), previous(a.dimensions());
+    boost::gil::fill_pixels(view(nnf), offset_pixel_t(0, 0));
+    boost::gil::fill_pixels(view(previous), offset_pixel_t(14, 0));  // one column past the last
+    RecycledImage<int_gray_pixel_t> dist;
+    engine.init_dist(const_view(a), const_view(a), view(nnf), dist, nullptr, nullptr, nullptr);
+    RecycledImage<int_gray_pixel_t> const before = dist;
+    engine.rs_min = 5;  // no random search in the extra passes
+    engine.rs_max = 1;
+    engine.do_propagate = false;
+    minnn(engine, const_view(a), const_view(a), view(nnf), view(dist), view(previous), nullptr,
+          nullptr, 0, 1, nullptr, nullptr, 1, 1);
+    EXPECT_TRUE(boost::gil::equal_pixels(const_view(dist), const_view(before)));
+    for (int y = 0; y <= 13; ++y)
+        for (int x = 0; x <= 13; ++x) EXPECT_EQ(const_view(nnf)(x, y), offset_pixel_t(0, 0));
+}
+
+}  // namespace
+}  // namespace WM
