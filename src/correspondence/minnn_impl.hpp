@@ -7,8 +7,8 @@
 #include <weftmap/frame/exceptions.hpp>
 #include <weftmap/frame/parallel.hpp>
 
+#include "correspondence/engine_helpers.hpp"
 #include "correspondence/patch_kernels.hpp"
-#include "correspondence/weftmap_impl.hpp"
 
 namespace WM {
 namespace detail {

@@ -10,10 +10,10 @@
 #include <weftmap/frame/parallel.hpp>
 #include <weftmap/image/masks.hpp>
 
+#include "correspondence/engine_helpers.hpp"
 #include "correspondence/expected_position.hpp"
 #include "correspondence/patch_kernels.hpp"
 #include "correspondence/relaxed_access.hpp"
-#include "correspondence/weftmap_impl.hpp"
 #include "frame/wrapping.hpp"
 
 #include <boost/gil/algorithm.hpp>
