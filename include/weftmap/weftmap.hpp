@@ -16,12 +16,16 @@
 #include <weftmap/image/resample.hpp>
 #include <weftmap/image/roifill.hpp>
 
-
-#include <weftmap/correspondence/patch_compare.hpp>
-#include <weftmap/correspondence/region_masks.hpp>
 #include <weftmap/correspondence/minnn.hpp>
+#include <weftmap/correspondence/patch_compare.hpp>
 #include <weftmap/correspondence/random.hpp>
+#include <weftmap/correspondence/region_masks.hpp>
 #include <weftmap/correspondence/sample_regions.hpp>
 #include <weftmap/correspondence/search.hpp>
 #include <weftmap/correspondence/vote.hpp>
 #include <weftmap/correspondence/weftmap.hpp>
+
+#include <weftmap/recomposer/hole_measures.hpp>
+#include <weftmap/recomposer/level_buffers.hpp>
+#include <weftmap/recomposer/parameters.hpp>
+#include <weftmap/recomposer/recomposer.hpp>
