@@ -1,0 +1,5 @@
+#include "recomposer/hole_measures_impl.hpp"
+
+namespace WM {
+WEFTMAP_FOR_EACH_PIXEL_16(WEFTMAP_INSTANTIATE_HOLE_MEASURES)
+}  // namespace WM

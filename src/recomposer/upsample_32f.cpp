@@ -1,0 +1,5 @@
+#include "recomposer/upsample_impl.hpp"
+
+namespace WM {
+WEFTMAP_FOR_EACH_PIXEL_32F(WEFTMAP_INSTANTIATE_UPSAMPLE)
+}  // namespace WM
