@@ -1,0 +1,5 @@
+#include "recomposer/drivers_impl.hpp"
+
+namespace WM {
+WEFTMAP_FOR_EACH_PIXEL_8(WEFTMAP_INSTANTIATE_DRIVERS)
+}  // namespace WM

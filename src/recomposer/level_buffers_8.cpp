@@ -1,0 +1,5 @@
+#include "recomposer/level_buffers_impl.hpp"
+
+namespace WM {
+WEFTMAP_FOR_EACH_PIXEL_8(WEFTMAP_INSTANTIATE_LEVEL_BUFFERS)
+}  // namespace WM
