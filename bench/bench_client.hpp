@@ -14,10 +14,16 @@
 
 namespace WM::bench {
 
+// Heap memory; remembers the most the library held at once.
 class HeapAllocator : public BaseLimitedByteMemoryAllocator {
 public:
-    void* rawAllocate(unsigned long long bytes) override { return std::malloc(bytes); }
+    void* rawAllocate(unsigned long long bytes) override {
+        peak = std::max(peak, getCurrentAllocatedSize() + bytes);
+        return std::malloc(bytes);
+    }
     void rawDeallocate(void* p, unsigned long long) override { std::free(p); }
+
+    unsigned long long peak = 0;
 };
 
 class BenchClient : public WeftmapProcClient {

@@ -40,11 +40,15 @@ inline bool normalise(accumulator_pixel_t<Pixel> const& acc, Pixel& out) {
     return true;
 }
 
+// Adds `count` consecutive source pixels to consecutive accumulator pixels.
 template <class Pixel>
-inline void add_vote(accumulator_pixel_t<Pixel>& acc, Pixel const& p, double weight) {
+inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int count, double weight) {
     constexpr int n = num_channels_v<Pixel>;
-    for (int c = 0; c < n; ++c) acc[c] += weight * static_cast<double>(channel_value(p, c));
-    acc[n] += weight;
+    for (int i = 0; i < count; ++i) {
+        for (int c = 0; c < n; ++c)
+            acc[i][c] += weight * static_cast<double>(channel_value(src[i], c));
+        acc[i][n] += weight;
+    }
 }
 
 // The source patch a target patch votes: the raw pixels of `b`, or for the
@@ -65,7 +69,8 @@ public:
             view_ = gil::subimage_view(b, sx, sy, 7, 7);
         }
     }
-    pixel_t const& operator()(int i, int j) const { return view_(i, j); }
+    // Row j of the voted patch.
+    pixel_t const* row(int j) const { return &*view_.row_begin(j); }
 
 private:
     pixel_t pixels_[is_gain_bias_compare_v<Compare> ? 49 : 1];
@@ -138,10 +143,8 @@ struct vote_n_lomem_body {
         if (source_filter && b_weights != nullptr)
             weight *= double(channel_value((*b_weights)(sx + 3, sy + 3), 0));
         VotedPatch<Compare> const patch(*comparator, b, sx, sy, x, y);
-        for (int j = 0; j < 7; ++j) {
-            auto const row = ring.row_begin((y + j) % 7);
-            for (int i = lo; i < hi; ++i) add_vote(row[x + i - box.xmin], patch(i, j), weight);
-        }
+        for (int j = 0; j < 7; ++j)
+            add_votes(&ring((x + lo - box.xmin), (y + j) % 7), patch.row(j) + lo, hi - lo, weight);
     }
 
     // Every patch covering (x, y) has voted: normalise and reset.
@@ -149,6 +152,66 @@ struct vote_n_lomem_body {
         auto& acc = ring(x - box.xmin, y % 7);
         if (!normalise(acc, out(x, y)) && init != nullptr) out(x, y) = (*init)(x, y);
         acc = accumulator_pixel_t<pixel_t>(0.0);
+    }
+};
+
+// The accumulation of the two-field vote for accumulator rows [begin, end).
+template <class Pixel>
+struct vote_n_body {
+    ConstView<Pixel> b;
+    OffsetView nnf;
+    OffsetView bnn;
+    View<accumulator_pixel_t<Pixel>> acc;
+    GrayView const* b_mask;
+    WeightInsetView const* b_weights;
+    RegionMasks const* a_mask;
+    WeightInsetView const* a_weights;
+    bool constrained;
+    Box box;
+    double cs;  // coherence weight per target patch
+    double ps;  // completeness weight per source patch
+
+    // Adds patch rows of source patch (sx, sy), placed with its top-left at
+    // accumulator (ax, ay), that fall in [begin, end) and inside the
+    // accumulator.
+    void add_patch(int begin, int end, int sx, int sy, int ax, int ay, double weight) const {
+        int const i0 = std::max(0, -ax), i1 = std::min(7, int(acc.width()) - ax);
+        int const j0 = std::max(-ay, begin - ay), j1 = std::min(7, end - ay);
+        for (int j = std::max(0, j0); j < j1; ++j)
+            add_votes(&acc(ax + i0, ay + j), &b(sx + i0, sy + j), i1 - i0, weight);
+    }
+
+    void operator()(BlockedRange const& rows) const {
+        int const begin = rows.begin(), end = rows.end();
+        // Coherence: target patches whose rows reach into the band.
+        for (int y = std::max(box.ymin, box.ymin + begin - 6);
+             y < std::min(box.ymax, box.ymin + end); ++y)
+            for (int x = box.xmin; x < box.xmax; ++x) {
+                if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) continue;
+                auto const match = nnf(x, y);
+                int const sx = match[0], sy = match[1];
+                if (!constrained && b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) continue;
+                double weight = cs;
+                if (a_weights != nullptr)
+                    weight = double(channel_value((*a_weights)(x + 3, y + 3), 0)) * cs;
+                if (!constrained && b_weights != nullptr)
+                    weight *= double(channel_value((*b_weights)(sx + 3, sy + 3), 0));
+                add_patch(begin, end, sx, sy, x - box.xmin, y - box.ymin, weight);
+            }
+        // Completeness: every source patch, onto where it is used. Votes
+        // beyond the accumulated box only reach frozen pixels.
+        for (int sy = 0; sy <= bnn.height() - 7; ++sy)
+            for (int sx = 0; sx <= bnn.width() - 7; ++sx) {
+                auto const target = bnn(sx, sy);
+                int const ay = target[1] - box.ymin;
+                if (ay + 7 <= begin || ay >= end) continue;
+                if (b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) continue;
+                double const weight =
+                    b_weights != nullptr
+                        ? double(channel_value((*b_weights)(sx + 3, sy + 3), 0)) * ps
+                        : ps;
+                add_patch(begin, end, sx, sy, target[0] - box.xmin, ay, weight);
+            }
     }
 };
 
@@ -242,8 +305,9 @@ void Weftmap<Compare>::vote(const_image_view_t const& b, OffsetView const& nnf,
         return;
     }
 
-    // Both fields: a full accumulator, filled on this thread since the
-    // votes of different patches meet on the same pixels.
+    // Both fields: a full accumulator. Tasks own bands of accumulator rows
+    // and visit the patches in raster order, coherence votes first, so every
+    // pixel sums its votes in the same order whatever the split.
     if (is_gain_bias_compare_v<Compare>) {
         debug_log("Not implemented: color transform for completeness\n");
         raise("WEFTMAP_INTERNAL_ERROR: patch transform not implemented for completeness (vote_n)");
@@ -255,38 +319,11 @@ void Weftmap<Compare>::vote(const_image_view_t const& b, OffsetView const& nnf,
         coherence_weight / static_cast<double>((nnf.height() - 6) * (nnf.width() - 6));
     double const ps =
         complete_weight / static_cast<double>((bnn->width() - 6) * (bnn->height() - 6));
-
-    for (int y = box.ymin; y < box.ymax; ++y)
-        for (int x = box.xmin; x < box.xmax; ++x) {
-            if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) continue;
-            auto const match = nnf(x, y);
-            int const sx = match[0], sy = match[1];
-            if (!constrained && b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) continue;
-            double weight = cs;
-            if (a_weights != nullptr)
-                weight = double(channel_value((*a_weights)(x + 3, y + 3), 0)) * cs;
-            if (!constrained && b_weights != nullptr)
-                weight *= double(channel_value((*b_weights)(sx + 3, sy + 3), 0));
-            for (int j = 0; j < 7; ++j)
-                for (int i = 0; i < 7; ++i)
-                    detail::add_vote(acc(x - box.xmin + i, y - box.ymin + j), b(sx + i, sy + j),
-                                     weight);
-        }
-
-    for (int sy = 0; sy <= bnn->height() - 7; ++sy)
-        for (int sx = 0; sx <= bnn->width() - 7; ++sx) {
-            if (b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) continue;
-            auto const target = (*bnn)(sx, sy);
-            double const weight = b_weights != nullptr
-                                      ? double(channel_value((*b_weights)(sx + 3, sy + 3), 0)) * ps
-                                      : ps;
-            // Only the part of the target patch that the accumulator covers
-            // can change the output; the rest is frozen.
-            int const ax = target[0] - box.xmin, ay = target[1] - box.ymin;
-            for (int j = std::max(0, -ay); j < std::min(7, int(acc.height()) - ay); ++j)
-                for (int i = std::max(0, -ax); i < std::min(7, int(acc.width()) - ax); ++i)
-                    detail::add_vote(acc(ax + i, ay + j), b(sx + i, sy + j), weight);
-        }
+    detail::vote_n_body<pixel_t> const accumulate{
+        b, nnf, *bnn, acc, b_mask, b_weights, a_mask, a_weights, constrained, box, cs, ps};
+    // Every task scans all source patches: keep the bands from getting thin.
+    parallel_range(0, static_cast<int>(acc.height()), std::max(grain_for_width(acc.width()), 16),
+                   accumulate);
 
     grow_checked();
     auto const out_box = gil::subimage_view(out, box.xmin, box.ymin, acc_size.x, acc_size.y);

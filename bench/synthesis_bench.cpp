@@ -1,0 +1,97 @@
+// Whole runs: a hole fill and a retarget of a photograph-like picture.
+#include "bench_client.hpp"
+
+#include <weftmap/recomposer/recomposer.hpp>
+
+#include <benchmark/benchmark.h>
+
+#include <boost/gil/algorithm.hpp>
+
+namespace WM::bench {
+namespace {
+
+using Pixel = rgb8_pixel_t;
+using Recomposer = WeftmapRecomposer<TranslatePatchCompare<Pixel>>;
+
+class NullProgress : public ClientBase<Pixel> {
+public:
+    void updateProgress(float) override {}
+};
+
+// An irregular hole of about 10% of the picture: overlapping discs along a
+// random walk, as a brushed object mask looks.
+RecycledImage<gray8_pixel_t> irregular_hole(Point const& size, unsigned seed) {
+    RecycledImage<gray8_pixel_t> hole(size);
+    boost::gil::fill_pixels(view(hole), gray8_pixel_t(0));
+    std::mt19937 rng(seed);
+    double const target = 0.10 * double(size.x * size.y);
+    double const r = 0.04 * double(std::min(size.x, size.y));
+    double cx = size.x * 0.5, cy = size.y * 0.5;
+    std::uniform_real_distribution<double> turn(-0.8, 0.8);
+    double heading = 0.0;
+    long covered = 0;
+    while (covered < target) {
+        heading += turn(rng);
+        cx = std::clamp(cx + r * 0.6 * std::cos(heading), r, size.x - r);
+        cy = std::clamp(cy + r * 0.6 * std::sin(heading), r, size.y - r);
+        for (std::ptrdiff_t y = std::max<std::ptrdiff_t>(0, std::ptrdiff_t(cy - r));
+             y <= std::min<std::ptrdiff_t>(size.y - 1, std::ptrdiff_t(cy + r)); ++y)
+            for (std::ptrdiff_t x = std::max<std::ptrdiff_t>(0, std::ptrdiff_t(cx - r));
+                 x <= std::min<std::ptrdiff_t>(size.x - 1, std::ptrdiff_t(cx + r)); ++x) {
+                auto& m = view(hole)(x, y);
+                if (m[0] == 0 && (x - cx) * (x - cx) + (y - cy) * (y - cy) <= r * r) {
+                    m[0] = 255;
+                    ++covered;
+                }
+            }
+    }
+    return hole;
+}
+
+void BM_HoleFill(benchmark::State& state) {
+    Point const size(state.range(0), state.range(0));
+    auto const picture = synthetic_image<Pixel>(size.x, size.y, 7);
+    auto const hole = irregular_hole(size, 11);
+    client().allocator.peak = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto source = picture;
+        auto mask = hole;
+        auto const held = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
+        client().allocator.peak = held;
+        state.ResumeTiming();
+        NullProgress progress;
+        Recomposer recomposer(&progress, RecomposerModeHoleFill);
+        std::vector<Constraint> constraints;
+        RecycledImage<Pixel> output;
+        recomposer.recompose(view(source), constraints, output, &view(mask), nullptr, nullptr,
+                             nullptr, nullptr, nullptr, nullptr, nullptr);
+        benchmark::DoNotOptimize(output.memory());
+        state.counters["library_MB"] = double(client().allocator.peak - held) / (1 << 20);
+    }
+}
+BENCHMARK(BM_HoleFill)->Arg(1024)->Arg(4096)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_Retarget70(benchmark::State& state) {
+    Point const size(state.range(0), state.range(0));
+    auto const picture = synthetic_image<Pixel>(size.x, size.y, 7);
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto source = picture;
+        auto const held = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
+        client().allocator.peak = held;
+        state.ResumeTiming();
+        NullProgress progress;
+        Recomposer recomposer(&progress, RecomposerModeTapestry);
+        std::vector<Constraint> constraints;
+        RecycledImage<Pixel> output;
+        recomposer.retarget(view(source), constraints, output, Point(size.x * 7 / 10, size.y), 0.98,
+                            nullptr, nullptr, nullptr, nullptr);
+        benchmark::DoNotOptimize(output.memory());
+        state.counters["library_MB"] = double(client().allocator.peak - held) / (1 << 20);
+    }
+}
+BENCHMARK(BM_Retarget70)->Arg(1024)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+}  // namespace WM::bench
