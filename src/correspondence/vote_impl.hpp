@@ -7,6 +7,10 @@
 #include <weftmap/frame/exceptions.hpp>
 #include <weftmap/frame/parallel.hpp>
 
+#if defined(__SSE2__)
+#include "correspondence/vote_sse2.hpp"
+#endif
+
 #include <boost/gil/algorithm.hpp>
 
 #include <atomic>
@@ -40,14 +44,24 @@ inline bool normalise(accumulator_pixel_t<Pixel> const& acc, Pixel& out) {
     return true;
 }
 
+#if !defined(__SSE2__)
+template <int Count>
+inline void multiply_add(double* sums, double const* values, double weight) {
+    for (int k = 0; k < Count; ++k) sums[k] += weight * values[k];
+}
+#endif
+
 // Adds `count` consecutive source pixels to consecutive accumulator pixels.
+// The weight slot is treated as one more channel whose value is 1, so that
+// each accumulator pixel is one uniform multiply-add over n + 1 doubles.
 template <class Pixel>
 inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int count, double weight) {
     constexpr int n = num_channels_v<Pixel>;
     for (int i = 0; i < count; ++i) {
-        for (int c = 0; c < n; ++c)
-            acc[i][c] += weight * static_cast<double>(channel_value(src[i], c));
-        acc[i][n] += weight;
+        double value[n + 1];
+        for (int c = 0; c < n; ++c) value[c] = static_cast<double>(channel_value(src[i], c));
+        value[n] = 1.0;
+        multiply_add<n + 1>(&acc[i][0], value, weight);
     }
 }
 
@@ -176,6 +190,7 @@ struct vote_n_body {
     // accumulator.
     void add_patch(int begin, int end, int sx, int sy, int ax, int ay, double weight) const {
         int const i0 = std::max(0, -ax), i1 = std::min(7, int(acc.width()) - ax);
+        if (i0 >= i1) return;  // entirely left or right of the accumulator
         int const j0 = std::max(-ay, begin - ay), j1 = std::min(7, end - ay);
         for (int j = std::max(0, j0); j < j1; ++j)
             add_votes(&acc(ax + i0, ay + j), &b(sx + i0, sy + j), i1 - i0, weight);

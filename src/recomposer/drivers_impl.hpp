@@ -227,16 +227,35 @@ void WeftmapRecomposer<Compare>::retarget(view_t const& source,
     detail::refuse_negative_coarse_size(coarse_size);
 
     Point const source_size = source.dimensions();
-    preallocate_buffers(output, source_size, target_dimensions,
+    int const w = this->patch_w;
+    if (std::min(source_size.x, source_size.y) < w ||
+        std::min(target_dimensions.x, target_dimensions.y) < w)
+        raise(
+            "WEFTMAP_INVALID_PARAMETERS: retarget needs at least %d pixels per side (source "
+            "%dx%d, target %dx%d)",
+            w, static_cast<long long>(source_size.x), static_cast<long long>(source_size.y),
+            static_cast<long long>(target_dimensions.x),
+            static_cast<long long>(target_dimensions.y));
+
+    // The coarsest level never enlarges the source, so that the pyramid ends
+    // at the requested size.
+    long long width = -1, height = -1;
+    double s0 = 0.0;
+    get_resample_size(
+        source_size,
+        static_cast<int>(std::min<long long>(coarse_size, std::min(source_size.x, source_size.y))),
+        width, height, s0);
+    Point const coarse(width, height);
+    // The walk at the coarsest scale starts at the source's coarse size,
+    // which a small target may not contain.
+    Point const target_reserve(std::max(target_dimensions.x, coarse.x),
+                               std::max(target_dimensions.y, coarse.y));
+    preallocate_buffers(output, source_size, target_reserve,
                         hole != nullptr ? hole->dimensions() : Point(0, 0), hole != nullptr,
                         valid != nullptr, false, src_important != nullptr, false);
     this->_source_buf.recreate(source_size);
     gil::copy_pixels(source, view(this->_source_buf));
 
-    long long width = -1, height = -1;
-    double s0 = 0.0;
-    get_resample_size(source_size, coarse_size, width, height, s0);
-    Point const coarse(width, height);
     this->current_scale = s0;
     scales = build_scale_list(s0, pyramid_ratio, last_upscale_step);
     Point const goal = level_size(target_dimensions, scales.front());

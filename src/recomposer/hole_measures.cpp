@@ -63,7 +63,8 @@ DistanceInsetView fill_hole_distance(ConstGrayView const& hole, Box const& box,
             static_cast<long long>(tconstraint_mask->height()),
             static_cast<long long>(hole.width()), static_cast<long long>(hole.height()));
     // Half a patch around the hole is enough for every patch that touches it.
-    Box const rect = detail::grow_and_clip(box, patch_w / 2, hole.dimensions());
+    Box rect = detail::grow_and_clip(box, patch_w / 2, hole.dimensions());
+    if (rect.empty()) rect = Box{};  // no hole: an empty map at the origin
     Point const origin = rect.min_corner();
     Point const size = rect.size();
     distance.recreate(size);
