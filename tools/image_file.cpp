@@ -1,31 +1,488 @@
 #include "image_file.hpp"
 
-#include <boost/gil/extension/io/png.hpp>
+#include "errors.hpp"
 
-#include <stdexcept>
+#include <boost/gil/extension/io/jpeg.hpp>
+#include <boost/gil/extension/io/png.hpp>
+#include <boost/gil/extension/io/tiff.hpp>
+#include <boost/gil/extension/toolbox/color_spaces/gray_alpha.hpp>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <sstream>
+#include <type_traits>
 
 namespace weftmap_tool {
+namespace {
 
-namespace gil = boost::gil;
-
-WM::RecycledImage<WM::rgb8_pixel_t> read_rgb8_png(std::string const& path) {
-    gil::rgb8_image_t file_image;
-    try {
-        gil::read_and_convert_image(path, file_image, gil::png_tag());
-    } catch (std::exception const& e) {
-        throw std::runtime_error("cannot read PNG file '" + path + "': " + e.what());
+// The decoders print their own complaints on standard error; they are
+// caught here so that a bad file yields one line of ours, with their reason.
+class StderrCapture {
+public:
+    StderrCapture() {
+        std::fflush(stderr);
+        file_ = std::tmpfile();
+        saved_ = file_ != nullptr ? dup(STDERR_FILENO) : -1;
+        if (saved_ >= 0) dup2(fileno(file_), STDERR_FILENO);
     }
-    WM::RecycledImage<WM::rgb8_pixel_t> image(file_image.dimensions());
-    gil::copy_pixels(gil::const_view(file_image), view(image));
-    return image;
+    ~StderrCapture() { finish(); }
+    StderrCapture(StderrCapture const&) = delete;
+    StderrCapture& operator=(StderrCapture const&) = delete;
+
+    // Restores standard error and returns the captured lines.
+    std::vector<std::string> finish() {
+        std::vector<std::string> lines;
+        if (saved_ >= 0) {
+            std::fflush(stderr);
+            dup2(saved_, STDERR_FILENO);
+            close(saved_);
+            saved_ = -1;
+            std::rewind(file_);
+            std::string line;
+            for (int c; (c = std::fgetc(file_)) != EOF;) {
+                if (c != '\n') {
+                    line += static_cast<char>(c);
+                } else if (!line.empty()) {
+                    lines.push_back(line);
+                    line.clear();
+                }
+            }
+            if (!line.empty()) lines.push_back(line);
+        }
+        if (file_ != nullptr) std::fclose(file_);
+        file_ = nullptr;
+        return lines;
+    }
+
+private:
+    std::FILE* file_ = nullptr;
+    int saved_ = -1;
+};
+
+// The TIFF codec's errors, on standard error where a capture collects them.
+// The io extension clears the plain handlers whenever it opens a file; the
+// extended one stays.
+extern "C" void print_tiff_error(thandle_t, char const* module, char const* format, va_list args) {
+    if (module != nullptr) std::fprintf(stderr, "%s: ", module);
+    std::vfprintf(stderr, format, args);
+    std::fputc('\n', stderr);
 }
 
-void write_rgb8_png(std::string const& path, WM::ConstView<WM::rgb8_pixel_t> const& view) {
+// An exception text without the stream library's suffix.
+std::string reason_of(std::exception const& e) {
+    std::string text = e.what();
+    std::string const suffix = ": iostream error";
+    if (text.size() > suffix.size() &&
+        text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0)
+        text.erase(text.size() - suffix.size());
+    return text;
+}
+
+std::string quoted(std::string const& path) {
+    return "'" + path + "'";
+}
+
+// Warnings raised while standard error is captured, shown afterwards.
+std::vector<std::string> g_pending_warnings;
+
+[[noreturn]] void bad_input(std::string const& text) {
+    throw ToolError(exit_input, text);
+}
+
+// Runs a decoder; its exceptions and complaints become one ToolError.
+template <class F>
+auto decode(std::string const& path, FileFormat format, F&& read) {
+    StderrCapture capture;
     try {
-        gil::write_view(path, view, gil::png_tag());
+        auto result = read();
+        for (auto const& line : capture.finish()) warn(quoted(path) + ": " + line);
+        for (auto const& text : g_pending_warnings) warn(text);
+        g_pending_warnings.clear();
+        return result;
+    } catch (ToolError const&) {
+        g_pending_warnings.clear();
+        throw;
+    } catch (std::bad_alloc const&) {
+        g_pending_warnings.clear();
+        capture.finish();
+        bad_input("not enough memory to load " + quoted(path));
     } catch (std::exception const& e) {
-        throw std::runtime_error("cannot write PNG file '" + path + "': " + e.what());
+        g_pending_warnings.clear();
+        auto const lines = capture.finish();
+        std::string const reason = lines.empty() ? reason_of(e) : lines.back();
+        bad_input("cannot read " + quoted(path) + " as " + format_name(format) + ": " + reason);
     }
+}
+
+FileFormat sniff_format(std::string const& path) {
+    errno = 0;
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) bad_input("cannot open " + quoted(path) + ": " + std::strerror(errno));
+    unsigned char b[8] = {};
+    std::size_t const n = std::fread(b, 1, sizeof b, f);
+    int const error = std::ferror(f) ? errno : 0;
+    std::fclose(f);
+    if (error != 0) bad_input("cannot read " + quoted(path) + ": " + std::strerror(error));
+    if (n == 0) bad_input(quoted(path) + " is empty");
+    if (n == 8 && std::memcmp(b, "\x89PNG\r\n\x1a\n", 8) == 0) return FileFormat::png;
+    if (n >= 3 && b[0] == 0xFF && b[1] == 0xD8 && b[2] == 0xFF) return FileFormat::jpeg;
+    // Classic (42) and big (43) TIFF, either byte order.
+    if (n >= 4 && ((b[0] == 'I' && b[1] == 'I' && (b[2] == 42 || b[2] == 43) && b[3] == 0) ||
+                   (b[0] == 'M' && b[1] == 'M' && b[2] == 0 && (b[3] == 42 || b[3] == 43))))
+        return FileFormat::tiff;
+    bad_input(quoted(path) + " is not a PNG, JPEG or TIFF file");
+}
+
+void check_size(std::string const& path, long long width, long long height) {
+    if (width <= 0 || height <= 0) bad_input(quoted(path) + " has no pixels");
+    if (width > max_side || height > max_side)
+        bad_input(quoted(path) + " is " + std::to_string(width) + "x" + std::to_string(height) +
+                  " pixels; Weftmap works on pictures of at most 65535 pixels a side");
+}
+
+enum class Color { gray, rgb, cmyk };
+
+template <class Channel, class ColorSpace>
+using pixel_of = gil::pixel<Channel, gil::layout<ColorSpace>>;
+
+// The pixel with one more channel, alpha, after the colour channels.
+template <class Channel, Color C>
+using alpha_pixel_of =
+    std::conditional_t<C == Color::gray, gil::pixel<Channel, gil::gray_alpha_layout_t>,
+                       gil::pixel<Channel, gil::rgba_layout_t>>;
+
+// Reads the file as `FilePixel` and keeps the first channels of `Pixel`.
+// `Convert` lets the reader convert colour (packed gray, YCbCr); it is used
+// only for files without alpha.
+template <class Pixel, class FilePixel, bool Convert, class Tag>
+AnyImage load(std::string const& path, gil::image_read_settings<Tag> const& settings) {
+    if constexpr (!gil::is_read_supported<FilePixel, Tag>::value ||
+                  (Convert && !std::is_same_v<Pixel, FilePixel>)) {
+        bad_input(quoted(path) + ": unsupported colour layout");
+    } else {
+        FileImage<FilePixel> file;
+        if constexpr (Convert)
+            gil::read_and_convert_image(path, file, settings);
+        else
+            gil::read_image(path, file, settings);
+        if constexpr (std::is_same_v<Pixel, FilePixel>) {
+            return AnyImage(std::move(file));
+        } else {
+            g_pending_warnings.push_back(quoted(path) + " has an alpha channel; it is ignored");
+            FileImage<Pixel> image(file.dimensions());
+            auto const from = gil::const_view(file);
+            auto const to = gil::view(image);
+            for (std::ptrdiff_t y = 0; y < from.height(); ++y)
+                for (std::ptrdiff_t x = 0; x < from.width(); ++x)
+                    for (int c = 0; c < WM::num_channels_v<Pixel>; ++c) to(x, y)[c] = from(x, y)[c];
+            return AnyImage(std::move(image));
+        }
+    }
+}
+
+template <class Channel, bool Convert = false, class Tag>
+AnyImage load_as(std::string const& path, gil::image_read_settings<Tag> const& settings,
+                 Color color, bool alpha) {
+    using Gray = pixel_of<Channel, gil::gray_t>;
+    using Rgb = pixel_of<Channel, gil::rgb_t>;
+    using Cmyk = pixel_of<Channel, gil::cmyk_t>;
+    switch (color) {
+        case Color::gray:
+            return alpha ? load<Gray, alpha_pixel_of<Channel, Color::gray>, Convert>(path, settings)
+                         : load<Gray, Gray, Convert>(path, settings);
+        case Color::rgb:
+            return alpha ? load<Rgb, alpha_pixel_of<Channel, Color::rgb>, Convert>(path, settings)
+                         : load<Rgb, Rgb, Convert>(path, settings);
+        case Color::cmyk:
+            return load<Cmyk, Cmyk, Convert>(path, settings);
+    }
+    bad_input(quoted(path) + ": unsupported colour layout");
+}
+
+AnyImage read_png(std::string const& path) {
+    gil::image_read_settings<gil::png_tag> probe;
+    probe._read_transparency_data = true;
+    auto const info = gil::read_image_info(path, probe)._info;
+    check_size(path, info._width, info._height);
+    bool const gray = (info._color_type & PNG_COLOR_MASK_COLOR) == 0;
+    bool const alpha = (info._color_type & PNG_COLOR_MASK_ALPHA) != 0 || info._num_trans > 0;
+    gil::image_read_settings<gil::png_tag> settings;
+    settings._apply_screen_gamma = false;
+    Color const color = gray ? Color::gray : Color::rgb;
+    if (info._bit_depth == 16) return load_as<std::uint16_t>(path, settings, color, alpha);
+    // Palettes and gray below 8 bits arrive as 8-bit pixels.
+    if (gray && !alpha && info._bit_depth < 8)
+        return load_as<std::uint8_t, true>(path, settings, color, alpha);
+    return load_as<std::uint8_t>(path, settings, color, alpha);
+}
+
+AnyImage read_jpeg(std::string const& path) {
+    auto const info = gil::read_image_info(path, gil::jpeg_tag())._info;
+    check_size(path, info._width, info._height);
+    gil::image_read_settings<gil::jpeg_tag> const settings;
+    switch (info._color_space) {
+        case JCS_GRAYSCALE:
+            return load_as<std::uint8_t>(path, settings, Color::gray, false);
+        case JCS_RGB:
+        case JCS_YCbCr:
+            return load_as<std::uint8_t, true>(path, settings, Color::rgb, false);
+        case JCS_CMYK:
+        case JCS_YCCK:
+            return load_as<std::uint8_t, true>(path, settings, Color::cmyk, false);
+        default:
+            break;
+    }
+    bad_input(quoted(path) + ": unsupported JPEG colour space");
+}
+
+AnyImage read_tiff(std::string const& path) {
+    auto const info = gil::read_image_info(path, gil::tiff_tag())._info;
+    check_size(path, info._width, info._height);
+    int const samples = info._samples_per_pixel;
+    int const bits = info._bits_per_sample;
+    int const format = info._sample_format;
+    Color color = Color::gray;
+    int colour_samples = 0;
+    switch (info._photometric_interpretation) {
+        case PHOTOMETRIC_MINISBLACK:
+            color = Color::gray;
+            colour_samples = 1;
+            break;
+        case PHOTOMETRIC_RGB:
+            color = Color::rgb;
+            colour_samples = 3;
+            break;
+        case PHOTOMETRIC_SEPARATED:
+            color = Color::cmyk;
+            colour_samples = 4;
+            break;
+        default:
+            bad_input(quoted(path) +
+                      ": only gray (black is zero), RGB and CMYK TIFF files are supported");
+    }
+    bool const alpha = samples == colour_samples + 1 && color != Color::cmyk;
+    if (samples != colour_samples && !alpha)
+        bad_input(quoted(path) + ": " + std::to_string(samples) +
+                  " samples per pixel do not fit its colour space");
+    gil::image_read_settings<gil::tiff_tag> const settings;
+    if (bits == 8 && format == SAMPLEFORMAT_UINT)
+        return load_as<std::uint8_t>(path, settings, color, alpha);
+    if (bits == 16 && format == SAMPLEFORMAT_UINT)
+        return load_as<std::uint16_t>(path, settings, color, alpha);
+    if (bits == 32 && format == SAMPLEFORMAT_IEEEFP)
+        return load_as<gil::float32_t>(path, settings, color, alpha);
+    bad_input(quoted(path) + ": " + std::to_string(bits) + "-bit " +
+              (format == SAMPLEFORMAT_IEEEFP ? "float" : "integer") +
+              " samples are not supported (use 8-bit, 16-bit or 32-bit float)");
+}
+
+// Float channels are clamped to [0, 1] before a conversion to integers.
+struct ClampingConverter {
+    template <class Src, class Dst>
+    void operator()(Src const& src, Dst& dst) const {
+        if constexpr (WM::is_float_pixel_v<Src>) {
+            Src clamped = src;
+            for (int c = 0; c < WM::num_channels_v<Src>; ++c) {
+                float const v = clamped[c];
+                clamped[c] = std::isnan(v) ? 0.0f : std::clamp(v, 0.0f, 1.0f);
+            }
+            gil::default_color_converter()(clamped, dst);
+        } else {
+            gil::default_color_converter()(src, dst);
+        }
+    }
+};
+
+template <class Pixel>
+std::string describe_pixel() {
+    using Channel = WM::channel_base_t<Pixel>;
+    std::string const depth = std::is_floating_point_v<Channel> ? "float"
+                              : sizeof(Channel) == 1            ? "8-bit"
+                                                                : "16-bit";
+    constexpr int channels = WM::num_channels_v<Pixel>;
+    return depth + (channels == 1 ? " gray" : channels == 3 ? " RGB" : " CMYK");
+}
+
+template <class Target, class View, class Write>
+std::string write_as(View const& view, Write&& write) {
+    if constexpr (std::is_same_v<typename View::value_type, Target>) {
+        write(view);
+    } else {
+        FileImage<Target> image(view.dimensions());
+        gil::copy_and_convert_pixels(view, gil::view(image), ClampingConverter());
+        write(gil::const_view(image));
+    }
+    return describe_pixel<Target>();
+}
+
+// Some releases of the PNG writer store 16-bit samples in the machine's byte
+// order rather than the format's big-endian one. A round trip of one pixel
+// through memory tells, since the reader gets the order right.
+bool png_writer_keeps_native_order() {
+    static bool const native = [] {
+        gil::gray16_image_t probe(1, 1);
+        gil::view(probe)(0, 0) = gil::gray16_pixel_t(0x0102);
+        std::stringstream bytes;
+        gil::write_view(bytes, gil::const_view(probe), gil::png_tag());
+        gil::gray16_image_t back;
+        gil::read_image(bytes, back, gil::png_tag());
+        return gil::const_view(back)(0, 0)[0] != 0x0102;
+    }();
+    return native;
+}
+
+template <class View>
+void write_png(std::string const& path, View const& view) {
+    using Pixel = typename View::value_type;
+    if constexpr (sizeof(WM::channel_base_t<Pixel>) == 2) {
+        if (png_writer_keeps_native_order()) {
+            // Swapped here, the samples reach the file big-endian.
+            FileImage<Pixel> swapped(view.dimensions());
+            gil::copy_pixels(view, gil::view(swapped));
+            for (auto& p : gil::view(swapped))
+                for (int c = 0; c < WM::num_channels_v<Pixel>; ++c)
+                    p[c] = static_cast<std::uint16_t>((p[c] >> 8) | (p[c] << 8));
+            gil::write_view(path, gil::const_view(swapped), gil::png_tag());
+            return;
+        }
+    }
+    gil::write_view(path, view, gil::png_tag());
+}
+
+template <class Pixel>
+std::string write_pixels(std::string const& path, FileFormat format,
+                         WM::ConstView<Pixel> const& view) {
+    using Channel = typename gil::channel_type<Pixel>::type;
+    using ColorSpace = typename gil::color_space_type<Pixel>::type;
+    switch (format) {
+        case FileFormat::tiff:
+            return write_as<Pixel>(
+                view, [&](auto const& v) { gil::write_view(path, v, gil::tiff_tag()); });
+        case FileFormat::png: {
+            using PngChannel =
+                std::conditional_t<WM::is_float_pixel_v<Pixel>, std::uint16_t, Channel>;
+            using PngColor =
+                std::conditional_t<std::is_same_v<ColorSpace, gil::cmyk_t>, gil::rgb_t, ColorSpace>;
+            return write_as<pixel_of<PngChannel, PngColor>>(
+                view, [&](auto const& v) { write_png(path, v); });
+        }
+        case FileFormat::jpeg:
+            return write_as<pixel_of<std::uint8_t, ColorSpace>>(view, [&](auto const& v) {
+                gil::write_view(path, v, gil::image_write_info<gil::jpeg_tag>(95));
+            });
+    }
+    return {};
+}
+
+}  // namespace
+
+char const* format_name(FileFormat format) {
+    switch (format) {
+        case FileFormat::png:
+            return "PNG";
+        case FileFormat::jpeg:
+            return "JPEG";
+        case FileFormat::tiff:
+            return "TIFF";
+    }
+    return "?";
+}
+
+ImageFile read_image_file(std::string const& path) {
+    TIFFSetErrorHandlerExt(print_tiff_error);
+    FileFormat const format = sniff_format(path);
+    return decode(path, format, [&] {
+        switch (format) {
+            case FileFormat::png:
+                return ImageFile{read_png(path), format};
+            case FileFormat::jpeg:
+                return ImageFile{read_jpeg(path), format};
+            case FileFormat::tiff:
+                break;
+        }
+        return ImageFile{read_tiff(path), format};
+    });
+}
+
+MaskImage read_mask_file(std::string const& path) {
+    ImageFile const file = read_image_file(path);
+    MaskImage mask(dimensions(file.image));
+    auto const to = gil::view(mask);
+    std::visit(
+        [&](auto const& image) {
+            using Pixel = typename std::decay_t<decltype(image)>::value_type;
+            using Channel = WM::channel_base_t<Pixel>;
+            double const top = std::is_floating_point_v<Channel>
+                                   ? 1.0
+                                   : double(std::numeric_limits<Channel>::max());
+            auto const from = gil::const_view(image);
+            for (std::ptrdiff_t y = 0; y < from.height(); ++y)
+                for (std::ptrdiff_t x = 0; x < from.width(); ++x) {
+                    double value = 0.0;
+                    for (int c = 0; c < WM::num_channels_v<Pixel>; ++c)
+                        value = std::max(value, double(WM::channel_value(from(x, y), c)));
+                    double const scaled = std::clamp(value / top, 0.0, 1.0) * 255.0 + 0.5;
+                    int const byte = value > 0.0 ? std::max(int(scaled), 1) : 0;
+                    to(x, y) = WM::gray8_pixel_t(static_cast<unsigned char>(byte));
+                }
+        },
+        file.image);
+    return mask;
+}
+
+FileFormat output_format(std::string const& path, FileFormat fallback) {
+    std::size_t const slash = path.find_last_of('/');
+    std::string const name = slash == std::string::npos ? path : path.substr(slash + 1);
+    std::size_t const dot = name.find_last_of('.');
+    if (dot == std::string::npos || dot == 0) return fallback;
+    std::string extension = name.substr(dot + 1);
+    for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (extension == "png") return FileFormat::png;
+    if (extension == "jpg" || extension == "jpeg") return FileFormat::jpeg;
+    if (extension == "tif" || extension == "tiff") return FileFormat::tiff;
+    throw ToolError(exit_usage, quoted(path) + ": unknown output type '." + extension +
+                                    "'; use .png, .jpg or .tif (no extension keeps the " +
+                                    "input's format)");
+}
+
+std::string write_image_file(std::string const& path, std::string const& shown_name,
+                             FileFormat format, AnyConstView const& view) {
+    TIFFSetErrorHandlerExt(print_tiff_error);
+    StderrCapture capture;
+    try {
+        std::string const written = std::visit(
+            [&](auto const& v) {
+                using Pixel = typename std::decay_t<decltype(v)>::value_type;
+                return write_pixels<Pixel>(path, format, v);
+            },
+            view);
+        for (auto const& line : capture.finish()) warn(quoted(shown_name) + ": " + line);
+        return written + " " + format_name(format);
+    } catch (std::exception const& e) {
+        auto const lines = capture.finish();
+        throw ToolError(exit_output, "cannot write " + quoted(shown_name) + ": " +
+                                         (lines.empty() ? reason_of(e) : lines.back()));
+    }
+}
+
+void copy_to_rgb8(AnyConstView const& from, WM::View<WM::rgb8_pixel_t> const& to) {
+    std::visit([&](auto const& v) { gil::copy_and_convert_pixels(v, to, ClampingConverter()); },
+               from);
+}
+
+WM::Point dimensions(AnyImage const& image) {
+    return std::visit([](auto const& i) { return WM::Point(i.dimensions()); }, image);
+}
+
+AnyConstView const_view_of(AnyImage const& image) {
+    return std::visit([](auto const& i) { return AnyConstView(gil::const_view(i)); }, image);
 }
 
 }  // namespace weftmap_tool

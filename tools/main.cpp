@@ -1,47 +1,67 @@
 // weftmap: the command-line host of the Weftmap library.
+#include "arguments.hpp"
+#include "errors.hpp"
 #include "host_client.hpp"
-#include "image_file.hpp"
+#include "interrupt.hpp"
+#include "synthesis.hpp"
 
 #include <weftmap/weftmap.hpp>
 
 #include <cstdio>
-#include <cstdlib>
-#include <iostream>
+#include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
 namespace weftmap_tool {
 namespace {
 
-void print_usage(std::FILE* out) {
-    std::fputs(
-        "usage:\n"
-        "  weftmap resample INPUT.png OUTPUT.png --scale S\n"
-        "  weftmap --version\n"
-        "\n"
-        "resample  scales an image with the library's bilinear filter\n"
-        "\n"
-        "exit status: 0 success, 1 failure, 2 bad command line\n",
-        out);
+int fail(int status, std::string const& text) {
+    std::fprintf(stderr, "weftmap: %s\n", text.c_str());
+    return status;
 }
 
-int run_resample(std::vector<std::string> const& args) {
-    if (args.size() != 4 || args[2] != "--scale") {
-        print_usage(stderr);
-        return 2;
+int cancelled() {
+    return fail(128 + interrupt_signal(), "cancelled; no output written");
+}
+
+bool starts_with(char const* text, char const* prefix) {
+    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+int run(Arguments const& args) {
+    try {
+        return args.command == Command::fill ? run_fill(args) : run_retarget(args);
+    } catch (Cancelled const&) {
+        return cancelled();
+    } catch (ToolError const& e) {
+        if (interrupt_requested()) return cancelled();
+        return fail(e.status, e.what());
+    } catch (WM::Exception const& e) {
+        if (interrupt_requested() || starts_with(e.message, "WEFTMAP_USER_CANCELED"))
+            return cancelled();
+        if (dynamic_cast<WM::ExceptionNotEnoughPatches const*>(&e) != nullptr ||
+            starts_with(e.message, "WEFTMAP_HOLE_TOO_LARGE"))
+            return fail(exit_hole_too_large,
+                        "the hole is too large: too little of the picture is left outside it to "
+                        "take patches from (make the hole smaller or give it more surroundings)");
+        if (dynamic_cast<WM::ExceptionMemoryLimit const*>(&e) != nullptr)
+            return fail(exit_memory_limit,
+                        "the memory limit of " +
+                            std::to_string(WM::BaseLimitedByteMemoryAllocator::getLimit()) +
+                            " bytes is too small for this picture (raise --memory-limit)");
+        return fail(exit_library, std::string("the library failed: ") + e.message);
+    } catch (WM::locked_recycled_image_error const& e) {
+        return fail(exit_library, std::string("the library failed: ") + e.what());
+    } catch (WM::bounds_exception_t const& e) {
+        return fail(exit_library, std::string("the library failed: ") + e.what());
+    } catch (std::bad_alloc const&) {
+        if (interrupt_requested()) return cancelled();
+        return fail(exit_memory_limit, "out of memory for this picture");
+    } catch (std::exception const& e) {
+        if (interrupt_requested()) return cancelled();
+        return fail(exit_library, std::string("unexpected failure: ") + e.what());
     }
-    double const scale = std::atof(args[3].c_str());
-    if (!(scale > 0.0)) {
-        std::cerr << "weftmap: --scale needs a positive number\n";
-        return 2;
-    }
-    auto const source = read_rgb8_png(args[0]);
-    auto const width = static_cast<long long>(source.width() * scale + 0.5);
-    WM::RecycledImage<WM::rgb8_pixel_t> result;
-    WM::resample(const_view(source), result, width, -1, WM::ResampleBilinear, -1);
-    write_rgb8_png(args[1], const_view(result));
-    std::cout << "wrote " << args[1] << " (" << result.width() << "x" << result.height() << ")\n";
-    return 0;
 }
 
 }  // namespace
@@ -49,30 +69,35 @@ int run_resample(std::vector<std::string> const& args) {
 
 int main(int argc, char** argv) {
     using namespace weftmap_tool;
-    std::vector<std::string> args(argv + 1, argv + argc);
-    if (args.empty() || args[0] == "--help" || args[0] == "-h") {
-        print_usage(args.empty() ? stderr : stdout);
-        return args.empty() ? 2 : 0;
-    }
-    HostClient client;
-    WM::Initialize(&client);
-    if (args[0] == "--version") {
-        int built = 0, runtime = 0;
-        unsigned const version = WM::GetVersions(built, runtime);
-        std::printf("weftmap %u.%u.%u\n", version >> 16, (version >> 8) & 0xFF, version & 0xFF);
-        return 0;
-    }
+    Arguments args;
     try {
-        std::string const command = args[0];
-        args.erase(args.begin());
-        if (command == "resample") return run_resample(args);
-        std::cerr << "weftmap: unknown command '" << command << "'\n";
-        print_usage(stderr);
-        return 2;
-    } catch (WM::Exception const& e) {
-        std::cerr << "weftmap: " << static_cast<char const*>(e) << "\n";
-    } catch (std::exception const& e) {
-        std::cerr << "weftmap: " << e.what() << "\n";
+        args = parse_arguments(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (ToolError const& e) {
+        if (argc == 1) std::fputs(usage_text(), stderr);
+        return fail(e.status, e.what());
     }
-    return 1;
+    if (args.command == Command::help) {
+        std::fputs(usage_text(), stdout);
+        return exit_ok;
+    }
+
+    HostClient client;
+    client.threadCount = args.threads;
+    client.useVectorKernels = args.scalar ? 0 : 1;
+    StderrChannel channel;
+    channel.channelName = "weftmap";
+    channel.checksumsEnabled = args.checksums;
+    WM::DebugOutput debug(&channel);
+    if (args.checksums) client.debug = &debug;
+    WM::Initialize(&client);
+
+    if (args.command == Command::version) {
+        int built = 0, running = 0;
+        unsigned const version = WM::GetVersions(built, running);
+        std::printf("weftmap %u.%u.%u\n", version >> 16, (version >> 8) & 0xFF, version & 0xFF);
+        return exit_ok;
+    }
+    if (args.memory_limit) WM::BaseLimitedByteMemoryAllocator::setLimit(*args.memory_limit);
+    install_interrupt_handlers();
+    return run(args);
 }

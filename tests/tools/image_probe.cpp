@@ -1,0 +1,316 @@
+// The helper of the weftmap host's end-to-end tests: writes the input
+// files, reads back what the host wrote and checks it.
+//   image_probe make DIR                 small textures in every format, masks, broken files
+//   image_probe make-large IMAGE MASK N  an NxN RGB texture and a mask with a large hole
+//   image_probe info FILE                "PNG 64x48 8-bit RGB", read from the file's header
+//   image_probe check-fill INPUT MASK OUTPUT [--lossy] [--min-psnr DB]
+//   image_probe check-retarget INPUT OUTPUT
+//   image_probe same A B                 pixel-identical files of one type
+#include "image_file.hpp"
+
+#include <boost/gil/extension/io/jpeg.hpp>
+#include <boost/gil/extension/io/png.hpp>
+#include <boost/gil/extension/io/tiff.hpp>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace gil = boost::gil;
+using weftmap_tool::FileImage;
+
+// A periodic texture with periods of 9 and 13 pixels, different per channel,
+// so that a fill can be judged against the original.
+template <class Pixel>
+FileImage<Pixel> texture(std::ptrdiff_t width, std::ptrdiff_t height) {
+    using Channel = WM::channel_base_t<Pixel>;
+    double const top =
+        std::is_floating_point_v<Channel> ? 1.0 : double(std::numeric_limits<Channel>::max());
+    FileImage<Pixel> image(width, height);
+    auto const v = gil::view(image);
+    for (std::ptrdiff_t y = 0; y < height; ++y)
+        for (std::ptrdiff_t x = 0; x < width; ++x)
+            for (int c = 0; c < WM::num_channels_v<Pixel>; ++c) {
+                double const t = 0.5 + 0.25 * std::sin(2 * M_PI * x / 9.0 + c) +
+                                 0.2 * std::sin(2 * M_PI * y / 13.0 + 2 * c);
+                v(x, y)[c] = static_cast<Channel>(t * top);
+            }
+    return image;
+}
+
+// 255 inside a disc, `edge` on a one-pixel ring around it, 0 elsewhere.
+FileImage<gil::gray8_pixel_t> disc(std::ptrdiff_t width, std::ptrdiff_t height, double cx,
+                                   double cy, double r, unsigned char edge = 0) {
+    FileImage<gil::gray8_pixel_t> mask(width, height);
+    auto const v = gil::view(mask);
+    for (std::ptrdiff_t y = 0; y < height; ++y)
+        for (std::ptrdiff_t x = 0; x < width; ++x) {
+            double const d = std::hypot(x - cx, y - cy);
+            v(x, y) = gil::gray8_pixel_t(d <= r ? 255 : d <= r + 1 ? edge : 0);
+        }
+    return mask;
+}
+
+// Through the host's writer for the nine pixel types (it also mends the
+// byte order of 16-bit PNG samples), straight through the codec otherwise.
+template <class Pixel, class Tag>
+void write_texture(std::string const& path, Tag tag) {
+    auto const image = texture<Pixel>(64, 48);
+    if constexpr (boost::mp11::mp_contains<WM::image_pixel_types, Pixel>::value) {
+        weftmap_tool::FileFormat const format =
+            std::is_same_v<Tag, gil::png_tag>    ? weftmap_tool::FileFormat::png
+            : std::is_same_v<Tag, gil::tiff_tag> ? weftmap_tool::FileFormat::tiff
+                                                 : weftmap_tool::FileFormat::jpeg;
+        weftmap_tool::write_image_file(path, path, format,
+                                       weftmap_tool::AnyConstView(gil::const_view(image)));
+    } else {
+        gil::write_view(path, gil::const_view(image), tag);
+    }
+}
+
+void write_bytes(std::string const& path, std::string const& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string read_bytes(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+int make(std::string const& dir) {
+    auto const at = [&](char const* name) { return dir + "/" + name; };
+    gil::png_tag const png;
+    gil::tiff_tag const tiff;
+    gil::jpeg_tag const jpeg;
+    write_texture<gil::gray8_pixel_t>(at("gray8.png"), png);
+    write_texture<gil::rgb8_pixel_t>(at("rgb8.png"), png);
+    write_texture<gil::gray16_pixel_t>(at("gray16.png"), png);
+    write_texture<gil::rgb16_pixel_t>(at("rgb16.png"), png);
+    write_texture<gil::rgba8_pixel_t>(at("rgba8.png"), png);
+    write_texture<gil::gray8_pixel_t>(at("gray8.jpg"), jpeg);
+    write_texture<gil::rgb8_pixel_t>(at("rgb8.jpg"), jpeg);
+    write_texture<gil::cmyk8_pixel_t>(at("cmyk8.jpg"), jpeg);
+    write_texture<gil::gray8_pixel_t>(at("gray8.tif"), tiff);
+    write_texture<gil::rgb8_pixel_t>(at("rgb8.tif"), tiff);
+    write_texture<gil::cmyk8_pixel_t>(at("cmyk8.tif"), tiff);
+    write_texture<gil::gray16_pixel_t>(at("gray16.tif"), tiff);
+    write_texture<gil::rgb16_pixel_t>(at("rgb16.tif"), tiff);
+    write_texture<gil::cmyk16_pixel_t>(at("cmyk16.tif"), tiff);
+    write_texture<gil::gray32f_pixel_t>(at("gray32f.tif"), tiff);
+    write_texture<gil::rgb32f_pixel_t>(at("rgb32f.tif"), tiff);
+    write_texture<gil::cmyk32f_pixel_t>(at("cmyk32f.tif"), tiff);
+    write_texture<gil::rgba16_pixel_t>(at("rgba16.tif"), tiff);
+    // Integer samples of 32 bits are outside the nine pixel types.
+    write_texture<gil::gray32s_pixel_t>(at("gray32s.tif"), tiff);
+
+    gil::write_view(at("mask.png"), gil::const_view(disc(64, 48, 30, 22, 7)), png);
+    gil::write_view(at("mask-soft.png"), gil::const_view(disc(64, 48, 30, 22, 6, 128)), png);
+    gil::write_view(at("mask-empty.png"), gil::const_view(disc(64, 48, 0, 0, -5)), png);
+    gil::write_view(at("mask-small.png"), gil::const_view(disc(60, 40, 30, 22, 7)), png);
+    gil::write_view(at("mask-all.png"), gil::const_view(disc(64, 48, 32, 24, 100)), png);
+    // A red disc on black: a colour mask counts every non-zero channel.
+    FileImage<gil::rgb8_pixel_t> colour(64, 48);
+    gil::copy_and_convert_pixels(gil::const_view(disc(64, 48, 30, 22, 7)), gil::view(colour));
+    for (auto& p : gil::view(colour)) p = gil::rgb8_pixel_t(p[0], 0, 0);
+    gil::write_view(at("mask-red.png"), gil::const_view(colour), png);
+    // Wider than the library's field coordinates reach.
+    gil::write_view(at("wide.png"), gil::const_view(texture<gil::gray8_pixel_t>(70000, 2)), png);
+
+    write_bytes(at("not-an-image.png"), "this is a text file, not a picture\n");
+    write_bytes(at("empty.png"), "");
+    write_bytes(at("truncated.png"), read_bytes(at("rgb8.png")).substr(0, 120));
+    return 0;
+}
+
+int make_large(std::string const& image, std::string const& mask, std::ptrdiff_t side) {
+    gil::write_view(image, gil::const_view(texture<gil::rgb8_pixel_t>(side, side)), gil::png_tag());
+    gil::write_view(mask, gil::const_view(disc(side, side, side / 2.0, side / 2.0, side / 4.0)),
+                    gil::png_tag());
+    return 0;
+}
+
+std::string depth_text(int bits, bool is_float) {
+    return is_float ? "float" : std::to_string(bits) + "-bit";
+}
+
+// The header as each format's own reader sees it, independently of the host.
+int info(std::string const& path) {
+    std::string const head = read_bytes(path).substr(0, 4);
+    if (head == "\x89PNG") {
+        auto const i = gil::read_image_info(path, gil::png_tag())._info;
+        std::string const color = (i._color_type & PNG_COLOR_MASK_COLOR) ? "RGB" : "gray";
+        std::string const alpha = (i._color_type & PNG_COLOR_MASK_ALPHA) ? "+alpha" : "";
+        std::cout << "PNG " << i._width << "x" << i._height << " "
+                  << depth_text(i._bit_depth, false) << " " << color << alpha << "\n";
+    } else if (head.compare(0, 2, "\xFF\xD8") == 0) {
+        auto const i = gil::read_image_info(path, gil::jpeg_tag())._info;
+        std::string const color = i._num_components == 1   ? "gray"
+                                  : i._num_components == 3 ? "RGB"
+                                                           : "CMYK";
+        std::cout << "JPEG " << i._width << "x" << i._height << " 8-bit " << color << "\n";
+    } else if (head == "II*" + std::string(1, '\0') || head == "MM" + std::string(1, '\0') + "*") {
+        auto const i = gil::read_image_info(path, gil::tiff_tag())._info;
+        std::string const color = i._photometric_interpretation == PHOTOMETRIC_SEPARATED ? "CMYK"
+                                  : i._samples_per_pixel >= 3                            ? "RGB"
+                                                                                         : "gray";
+        std::cout << "TIFF " << i._width << "x" << i._height << " "
+                  << depth_text(i._bits_per_sample, i._sample_format == SAMPLEFORMAT_IEEEFP) << " "
+                  << color << "\n";
+    } else {
+        std::cout << "unknown\n";
+        return 1;
+    }
+    return 0;
+}
+
+// Outside the mask the output must equal the input exactly (lossless
+// formats); inside, its PSNR against the input (the texture before the
+// hole) must reach `min_psnr`.
+int check_fill(std::string const& input_path, std::string const& mask_path,
+               std::string const& output_path, bool lossy, double min_psnr) {
+    auto const input = weftmap_tool::read_image_file(input_path);
+    auto const output = weftmap_tool::read_image_file(output_path);
+    auto const mask = weftmap_tool::read_mask_file(mask_path);
+    if (input.image.index() != output.image.index()) {
+        std::cout << "pixel types differ\n";
+        return 1;
+    }
+    return std::visit(
+        [&](auto const& in) {
+            using Image = std::decay_t<decltype(in)>;
+            using Pixel = typename Image::value_type;
+            using Channel = WM::channel_base_t<Pixel>;
+            double const top = std::is_floating_point_v<Channel>
+                                   ? 1.0
+                                   : double(std::numeric_limits<Channel>::max());
+            auto const a = gil::const_view(in);
+            auto const b = gil::const_view(std::get<Image>(output.image));
+            auto const m = gil::const_view(mask);
+            if (a.dimensions() != b.dimensions()) {
+                std::cout << "sizes differ\n";
+                return 1;
+            }
+            long changed_outside = 0, hole = 0;
+            double sum = 0;
+            for (std::ptrdiff_t y = 0; y < a.height(); ++y)
+                for (std::ptrdiff_t x = 0; x < a.width(); ++x) {
+                    if (m(x, y)[0] == 0) {
+                        changed_outside += a(x, y) != b(x, y);
+                        continue;
+                    }
+                    ++hole;
+                    for (int c = 0; c < WM::num_channels_v<Pixel>; ++c) {
+                        double const d = double(WM::channel_value(a(x, y), c)) -
+                                         double(WM::channel_value(b(x, y), c));
+                        sum += d * d;
+                    }
+                }
+            double const mse = sum / std::max(1L, hole * WM::num_channels_v<Pixel>);
+            double const psnr = mse == 0 ? 99.0 : 10 * std::log10(top * top / mse);
+            std::cout << "changed outside the hole: " << changed_outside
+                      << ", PSNR in the hole: " << psnr << " dB\n";
+            return (lossy || changed_outside == 0) && psnr >= min_psnr ? 0 : 1;
+        },
+        input.image);
+}
+
+// Per channel mean and spread of a picture, channels scaled to [0, 1].
+template <class View>
+std::vector<std::pair<double, double>> channel_stats(View const& v) {
+    using Pixel = typename View::value_type;
+    using Channel = WM::channel_base_t<Pixel>;
+    double const top =
+        std::is_floating_point_v<Channel> ? 1.0 : double(std::numeric_limits<Channel>::max());
+    std::vector<std::pair<double, double>> stats;
+    double const n = double(v.width() * v.height());
+    for (int c = 0; c < WM::num_channels_v<Pixel>; ++c) {
+        double sum = 0, squares = 0;
+        for (std::ptrdiff_t y = 0; y < v.height(); ++y)
+            for (std::ptrdiff_t x = 0; x < v.width(); ++x) {
+                double const value = double(WM::channel_value(v(x, y), c)) / top;
+                sum += value;
+                squares += value * value;
+            }
+        double const mean = sum / n;
+        stats.emplace_back(mean, std::sqrt(std::max(0.0, squares / n - mean * mean)));
+    }
+    return stats;
+}
+
+// A retargeted texture keeps the colours and the contrast of its source:
+// per channel the means agree within 0.1 and the spread keeps half.
+int check_retarget(std::string const& input_path, std::string const& output_path) {
+    auto const input = weftmap_tool::read_image_file(input_path);
+    auto const output = weftmap_tool::read_image_file(output_path);
+    if (input.image.index() != output.image.index()) {
+        std::cout << "pixel types differ\n";
+        return 1;
+    }
+    return std::visit(
+        [&](auto const& in) {
+            using Image = std::decay_t<decltype(in)>;
+            auto const a = channel_stats(gil::const_view(in));
+            auto const b = channel_stats(gil::const_view(std::get<Image>(output.image)));
+            bool ok = true;
+            for (std::size_t c = 0; c < a.size(); ++c) {
+                std::cout << "channel " << c << ": mean " << a[c].first << " -> " << b[c].first
+                          << ", spread " << a[c].second << " -> " << b[c].second << "\n";
+                ok = ok && std::abs(a[c].first - b[c].first) < 0.1 &&
+                     b[c].second > 0.5 * a[c].second;
+            }
+            return ok ? 0 : 1;
+        },
+        input.image);
+}
+
+int same(std::string const& a_path, std::string const& b_path) {
+    auto const a = weftmap_tool::read_image_file(a_path);
+    auto const b = weftmap_tool::read_image_file(b_path);
+    if (a.image.index() != b.image.index()) return 1;
+    return std::visit(
+        [&](auto const& image) {
+            using Image = std::decay_t<decltype(image)>;
+            bool const equal = gil::equal_pixels(gil::const_view(image),
+                                                 gil::const_view(std::get<Image>(b.image)));
+            return equal ? 0 : 1;
+        },
+        a.image);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> const args(argv + 1, argv + argc);
+    try {
+        if (args.size() == 2 && args[0] == "make") return make(args[1]);
+        if (args.size() == 4 && args[0] == "make-large")
+            return make_large(args[1], args[2], std::stol(args[3]));
+        if (args.size() == 2 && args[0] == "info") return info(args[1]);
+        if (args.size() >= 4 && args[0] == "check-fill") {
+            bool lossy = false;
+            double min_psnr = 20.0;
+            for (std::size_t i = 4; i < args.size(); ++i) {
+                if (args[i] == "--lossy")
+                    lossy = true;
+                else if (args[i] == "--min-psnr" && i + 1 < args.size())
+                    min_psnr = std::stod(args[++i]);
+            }
+            return check_fill(args[1], args[2], args[3], lossy, min_psnr);
+        }
+        if (args.size() == 3 && args[0] == "check-retarget")
+            return check_retarget(args[1], args[2]);
+        if (args.size() == 3 && args[0] == "same") return same(args[1], args[2]);
+    } catch (std::exception const& e) {
+        std::cerr << "image_probe: " << e.what() << "\n";
+        return 2;
+    }
+    std::cerr << "image_probe: bad arguments\n";
+    return 2;
+}

@@ -1,0 +1,327 @@
+#!/usr/bin/env bash
+# End-to-end tests of the weftmap host on generated files.
+#   run_tool_tests.sh GROUP WEFTMAP PROBE WORKDIR [plain|sanitized]
+# GROUP is formats, options, bad_input or cancel.
+set -u
+group=$1
+tool=$2
+probe=$3
+work=$4
+build=${5:-plain}
+
+rm -rf "$work"
+mkdir -p "$work/in" "$work/out" "$work/log"
+cd "$work" || exit 1
+"$probe" make in || {
+    echo "cannot generate the input files"
+    exit 1
+}
+
+passed=0
+failed=0
+ok() {
+    echo "ok: $1"
+    passed=$((passed + 1))
+}
+fail() {
+    echo "FAIL: $1"
+    sed 's/^/    /' log/stderr
+    failed=$((failed + 1))
+}
+
+# expect NAME STATUS TEXT ARGS...: runs the host; checks its exit status and
+# that standard error holds TEXT (when not empty).
+expect() {
+    local name=$1 status=$2 text=$3
+    shift 3
+    "$tool" "$@" >log/stdout 2>log/stderr
+    local got=$?
+    if [ "$got" -ne "$status" ]; then
+        fail "$name: exit status $got, expected $status"
+        return 1
+    fi
+    if [ -n "$text" ] && ! grep -qF -- "$text" log/stderr; then
+        fail "$name: standard error lacks '$text'"
+        return 1
+    fi
+    ok "$name"
+}
+
+# expect_refusal NAME STATUS TEXT ARGS...: a failure must print exactly one
+# line and leave no file behind, not even a temporary one.
+expect_refusal() {
+    local name=$1
+    rm -rf out && mkdir out
+    expect "$@" || return 1
+    local lines
+    lines=$(wc -l <log/stderr)
+    [ "$lines" -eq 1 ] || fail "$name: $lines lines on standard error, expected one"
+    [ -z "$(ls -A out)" ] || fail "$name: left files behind: $(ls -A out | tr '\n' ' ')"
+}
+
+# check NAME COMMAND...: a probe check that must succeed.
+check() {
+    local name=$1
+    shift
+    if "$@" >log/probe 2>&1; then
+        ok "$name"
+    else
+        cp log/probe log/stderr
+        fail "$name"
+    fi
+}
+
+# check_info NAME FILE EXPECTED: the written file's header.
+check_info() {
+    local got
+    got=$("$probe" info "$2")
+    if [ "$got" = "$3" ]; then ok "$1: $3"; else
+        echo "$got" >log/stderr
+        fail "$1: header '$got', expected '$3'"
+    fi
+}
+
+lossless="gray8.png rgb8.png gray16.png rgb16.png gray8.tif rgb8.tif cmyk8.tif gray16.tif
+          rgb16.tif cmyk16.tif gray32f.tif rgb32f.tif cmyk32f.tif"
+
+case "$group" in
+formats)
+    # Every lossless type: same format back, known pixels untouched, the
+    # periodic texture continued into the hole.
+    for f in $lossless; do
+        expect "fill $f" 0 "" fill "in/$f" in/mask.png "out/$f" --quiet &&
+            check_info "fill $f" "out/$f" "$("$probe" info "in/$f")" &&
+            check "fill $f keeps the known pixels and continues the texture" \
+                "$probe" check-fill "in/$f" in/mask.png "out/$f"
+    done
+    for f in gray8.jpg rgb8.jpg cmyk8.jpg; do
+        expect "fill $f" 0 "" fill "in/$f" in/mask.png "out/$f" --quiet &&
+            check_info "fill $f" "out/$f" "$("$probe" info "in/$f")" &&
+            check "fill $f continues the texture" \
+                "$probe" check-fill "in/$f" in/mask.png "out/$f" --lossy
+    done
+    # Alpha is dropped with a warning.
+    expect "fill rgba8.png" 0 "'in/rgba8.png' has an alpha channel; it is ignored" \
+        fill in/rgba8.png in/mask.png out/rgba8.png --quiet &&
+        check_info "fill rgba8.png" out/rgba8.png "PNG 64x48 8-bit RGB"
+    expect "fill rgba16.tif" 0 "has an alpha channel; it is ignored" \
+        fill in/rgba16.tif in/mask.png out/rgba16.tif --quiet &&
+        check_info "fill rgba16.tif" out/rgba16.tif "TIFF 64x48 16-bit RGB"
+    # The output's extension picks another format; without one the input's stays.
+    while read -r input output header; do
+        expect "fill $input -> $output" 0 "" fill "in/$input" in/mask.png "out/$output" --quiet &&
+            check_info "fill $input -> $output" "out/$output" "$header"
+    done <<'EOF'
+rgb32f.tif float-to.png PNG 64x48 16-bit RGB
+cmyk8.tif cmyk-to.png PNG 64x48 8-bit RGB
+rgb16.png deep-to.jpg JPEG 64x48 8-bit RGB
+cmyk16.tif cmyk-to.jpeg JPEG 64x48 8-bit CMYK
+gray8.png gray-to.TIF TIFF 64x48 8-bit gray
+rgb16.tif no-extension TIFF 64x48 16-bit RGB
+EOF
+    # Retargeting keeps type and texture at every kind of new size.
+    for f in rgb8.png gray16.png rgb16.tif rgb32f.tif cmyk8.tif gray8.jpg; do
+        while read -r expected size; do
+            out="out/retarget-${size// /}-$f"
+            expect "retarget $f $size" 0 "" retarget "in/$f" "$out" $size --quiet &&
+                check_info "retarget $f $size" "$out" \
+                    "$("$probe" info "in/$f" | sed "s/64x48/$expected/")" &&
+                check "retarget $f $size keeps the texture's colours" \
+                    "$probe" check-retarget "in/$f" "$out"
+        done <<'EOF'
+48x48 --width 48
+64x36 --height 36
+48x36 --scale 0.75
+80x48 --width 80
+16x48 --width 16
+40x30 --width 40 --height 30
+EOF
+    done
+    ;;
+
+options)
+    expect "--version" 0 "" --version &&
+        { grep -qx "weftmap 1.1.0" log/stdout && ok "--version prints 1.1.0" ||
+            fail "--version printed '$(cat log/stdout)'"; }
+    expect "--help" 0 "" --help &&
+        { grep -q "130  cancelled" log/stdout && grep -q "fill IMAGE MASK OUTPUT" log/stdout &&
+            ok "--help shows the commands and exit statuses" || fail "--help text"; }
+
+    # Progress: plain lines when standard error is no terminal; --quiet
+    # silences progress and summary.
+    expect "progress lines" 0 "filling: 100%" fill in/rgb8.png in/mask.png out/a.png &&
+        { grep -q "^wrote out/a.png (64x48, 8-bit RGB PNG)$" log/stdout &&
+            ok "summary names the output" || fail "summary: $(cat log/stdout)"; }
+    expect "--quiet" 0 "" fill in/rgb8.png in/mask.png out/quiet.png --quiet &&
+        { [ ! -s log/stderr ] && [ ! -s log/stdout ] && ok "--quiet prints nothing" ||
+            fail "--quiet printed something"; }
+
+    # With one band runs are reproducible and scalar and vector kernels
+    # agree exactly (several bands read across their borders while they run).
+    expect "--seed 7" 0 "" fill in/rgb8.png in/mask-soft.png out/seed7.png --seed 7 --threads 1 \
+        --quiet
+    expect "--seed 7 again" 0 "" fill in/rgb8.png in/mask-soft.png out/seed7b.png --seed=7 \
+        --threads=1 --quiet
+    check "the same seed gives the same picture" "$probe" same out/seed7.png out/seed7b.png
+    for f in rgb8.png cmyk16.tif; do
+        expect "vector $f" 0 "" fill "in/$f" in/mask.png "out/vector-$f" --threads 1 --quiet
+        expect "--scalar $f" 0 "" fill "in/$f" in/mask.png "out/scalar-$f" --threads 1 --scalar \
+            --quiet
+        check "scalar and vector kernels give the same $f" \
+            "$probe" same "out/vector-$f" "out/scalar-$f"
+    done
+    for n in 1 3; do
+        expect "--threads $n" 0 "" fill in/rgb8.png in/mask.png "out/threads$n.png" --threads "$n" \
+            --quiet &&
+            check "--threads $n fills" "$probe" check-fill in/rgb8.png in/mask.png \
+                "out/threads$n.png"
+    done
+    for f in rgb8.png gray32f.tif cmyk8.tif; do
+        expect "gain-bias $f" 0 "" fill "in/$f" in/mask.png "out/gb-$f" --comparator gain-bias \
+            --quiet &&
+            check "gain-bias fills $f" "$probe" check-fill "in/$f" in/mask.png "out/gb-$f"
+    done
+    modes="default tapestry hole-fill"
+    for mode in $modes; do
+        expect "--mode $mode" 0 "" fill in/rgb16.tif in/mask.png "out/mode-$mode.tif" \
+            --mode "$mode" --quiet &&
+            check "--mode $mode fills" "$probe" check-fill in/rgb16.tif in/mask.png \
+                "out/mode-$mode.tif"
+    done
+    expect "retarget --mode hole-fill" 0 "" retarget in/rgb8.png out/r.png --width 50 \
+        --mode hole-fill --quiet
+
+    # The option map reaches the recomposer (its parameter block is printed
+    # on the diagnostic channel).
+    expect "--set -em_iters=8" 0 "em_iters_max:        8" fill in/gray8.png in/mask.png \
+        out/em8.png --set -em_iters=8 --checksums --quiet
+    expect "--set without the dash" 0 "em_iters_final:      4" fill in/gray8.png in/mask.png \
+        out/em4.png --set em_iters_final=4 --checksums --quiet
+    expect "--set -no_minnn" 0 "" fill in/gray8.png in/mask.png out/nominnn.png --set -no_minnn \
+        --set -minnn --quiet
+    expect "--checksums" 0 "CHECKSUM (weftmap): " fill in/gray8.png in/mask.png out/ck.png \
+        --checksums --quiet
+    expect "--memory-limit 64M" 0 "" fill in/rgb8.png in/mask.png out/limit.png \
+        --memory-limit 64M --quiet
+
+    # Partial mask values go to the library as they are; a colour mask
+    # counts its non-zero channels.
+    expect "soft mask" 0 "" fill in/rgb8.png in/mask-soft.png out/soft.png --quiet &&
+        check "a soft mask keeps the pixels it leaves at 0" \
+            "$probe" check-fill in/rgb8.png in/mask-soft.png out/soft.png
+    expect "gray mask" 0 "" fill in/rgb8.png in/mask.png out/graymask.png --threads 1 --quiet
+    expect "red mask" 0 "" fill in/rgb8.png in/mask-red.png out/redmask.png --threads 1 --quiet
+    check "a red mask is the same hole as a white one" \
+        "$probe" same out/graymask.png out/redmask.png
+
+    # The side-by-side picture: input with the hole tinted, gap, result.
+    expect "--compare" 0 "" fill in/gray16.png in/mask.png out/c.png --compare out/c-compare.png &&
+        check_info "--compare" out/c-compare.png "PNG 132x48 8-bit RGB" &&
+        { grep -q "^wrote out/c-compare.png" log/stdout && ok "--compare is reported" ||
+            fail "--compare summary: $(cat log/stdout)"; }
+    ;;
+
+bad_input)
+    expect_refusal "missing image" 3 "cannot open 'in/nope.png': No such file or directory" \
+        fill in/nope.png in/mask.png out/x.png
+    expect_refusal "missing mask" 3 "cannot open 'in/nope.png'" fill in/rgb8.png in/nope.png out/x.png
+    expect_refusal "unreadable image" 3 "cannot read 'in': Is a directory" \
+        fill in in/mask.png out/x.png
+    expect_refusal "not an image" 3 "'in/not-an-image.png' is not a PNG, JPEG or TIFF file" \
+        fill in/not-an-image.png in/mask.png out/x.png
+    expect_refusal "empty file" 3 "'in/empty.png' is empty" fill in/empty.png in/mask.png out/x.png
+    expect_refusal "damaged PNG" 3 "cannot read 'in/truncated.png' as PNG: " \
+        fill in/truncated.png in/mask.png out/x.png
+    expect_refusal "32-bit integer TIFF" 3 "32-bit integer samples are not supported" \
+        fill in/gray32s.tif in/mask.png out/x.png
+    expect_refusal "mask of another size" 3 \
+        "the mask 'in/mask-small.png' is 60x40 but the image 'in/rgb8.png' is 64x48" \
+        fill in/rgb8.png in/mask-small.png out/x.png
+    expect_refusal "side over 65535" 3 "is 70000x2 pixels; Weftmap works on pictures of at most" \
+        retarget in/wide.png out/x.png --scale 0.5
+    expect_refusal "hole too large" 4 "the hole is too large" \
+        fill in/rgb8.png in/mask-all.png out/x.png
+    expect_refusal "memory limit too small" 5 "the memory limit of 20480 bytes is too small" \
+        fill in/rgb8.png in/mask.png out/x.png --memory-limit 20K
+    expect_refusal "library failure" 1 \
+        "the library failed: WEFTMAP_INVALID_PARAMETERS: coarse_size must be at least 1 (got 0)" \
+        fill in/rgb8.png in/mask.png out/x.png --set -coarse_size=0
+    expect_refusal "output directory missing" 6 "cannot write 'out/no/x.png'" \
+        fill in/rgb8.png in/mask.png out/no/x.png
+    mkdir -p out/dir
+    expect "output is a directory" 6 "cannot write 'out/dir': it is a directory" \
+        fill in/rgb8.png in/mask.png out/dir
+    expect_refusal "compare directory missing" 6 "cannot write 'out/no/c.png'" \
+        fill in/rgb8.png in/mask.png out/x.png --compare out/no/c.png
+    expect_refusal "unknown output type" 2 "unknown output type '.bmp'" \
+        fill in/rgb8.png in/mask.png out/x.bmp
+    expect_refusal "too few files" 2 "fill needs IMAGE MASK OUTPUT" fill in/rgb8.png in/mask.png
+    expect_refusal "unknown option" 2 "unknown option '--frobnicate'" \
+        fill in/rgb8.png in/mask.png out/x.png --frobnicate
+    expect_refusal "bad mode" 2 "--mode must be hole-fill, default or tapestry" \
+        fill in/rgb8.png in/mask.png out/x.png --mode wild
+    expect_refusal "bad memory limit" 2 "--memory-limit needs a byte count" \
+        fill in/rgb8.png in/mask.png out/x.png --memory-limit 12Q
+    expect_refusal "bad threads" 2 "--threads needs a whole number" \
+        fill in/rgb8.png in/mask.png out/x.png --threads 0
+    expect_refusal "retarget without a size" 2 "retarget needs --width W, --height H or --scale S" \
+        retarget in/rgb8.png out/x.png
+    expect_refusal "retarget to nothing" 2 "the new size 0x0 is outside 1 to 65535" \
+        retarget in/rgb8.png out/x.png --scale 0.001
+    expect_refusal "retarget below a patch" 1 "retarget needs at least 7 pixels per side" \
+        retarget in/rgb8.png out/x.png --width 5
+    expect_refusal "unknown command" 2 "unknown command 'frobnicate'" frobnicate
+
+    # An empty mask: nothing to fill, the input is copied and the run succeeds.
+    rm -rf out && mkdir out
+    expect "empty mask" 0 "the mask 'in/mask-empty.png' marks no hole, nothing to fill" \
+        fill in/rgb16.tif in/mask-empty.png out/copy.tif --compare out/compare.png &&
+        check "an empty mask copies the input" "$probe" same in/rgb16.tif out/copy.tif &&
+        check_info "an empty mask still gives the compare picture" out/compare.png \
+            "PNG 132x48 8-bit RGB" &&
+        { [ "$(ls -A out | tr '\n' ' ')" = "compare.png copy.tif " ] &&
+            ok "no temporary file is left" || fail "files left: $(ls -A out)"; }
+    ;;
+
+cancel)
+    "$probe" make-large in/large.png in/large-mask.png 2000 || exit 1
+    for signal in INT TERM; do
+        rm -rf out && mkdir out
+        "$tool" fill in/large.png in/large-mask.png out/large.png 2>log/stderr >log/stdout &
+        pid=$!
+        # Signal once the run reports progress, and a moment later.
+        for _ in $(seq 600); do
+            grep -q "filling: " log/stderr && break
+            kill -0 "$pid" 2>/dev/null || break
+            sleep 0.1
+        done
+        sleep 0.5
+        kill -"$signal" "$pid"
+        # A run that does not stop is killed after a minute.
+        for _ in $(seq 600); do
+            kill -0 "$pid" 2>/dev/null || break
+            sleep 0.1
+        done
+        kill -KILL "$pid" 2>/dev/null
+        wait "$pid"
+        status=$?
+        expected=130
+        [ "$signal" = TERM ] && expected=143
+        if [ "$status" -eq "$expected" ]; then ok "SIG$signal: exit status $status"; else
+            fail "SIG$signal: exit status $status, expected $expected"
+        fi
+        grep -q "^weftmap: cancelled; no output written$" log/stderr &&
+            ok "SIG$signal: says it was cancelled" || fail "SIG$signal: message"
+        [ -z "$(ls -A out)" ] && ok "SIG$signal: no output and no temporary file" ||
+            fail "SIG$signal: left $(ls -A out | tr '\n' ' ')"
+    done
+    ;;
+
+*)
+    echo "unknown group '$group'"
+    exit 2
+    ;;
+esac
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,235 @@
+#include "arguments.hpp"
+
+#include "errors.hpp"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+namespace weftmap_tool {
+namespace {
+
+[[noreturn]] void bad(std::string const& text) {
+    throw ToolError(exit_usage, text + " (see 'weftmap --help')");
+}
+
+long long parse_whole(std::string const& option, std::string const& text, long long low,
+                      long long high) {
+    errno = 0;
+    char* end = nullptr;
+    long long const value = std::strtoll(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < low || value > high)
+        bad(option + " needs a whole number from " + std::to_string(low) + " to " +
+            std::to_string(high) + ", got '" + text + "'");
+    return value;
+}
+
+double parse_positive(std::string const& option, std::string const& text) {
+    char* end = nullptr;
+    double const value = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !std::isfinite(value) || value <= 0.0)
+        bad(option + " needs a positive number, got '" + text + "'");
+    return value;
+}
+
+// The option map's keys all start with '-'; "--set em_iters=8" means "-em_iters".
+void add_option(std::map<std::string, std::string>& options, std::string const& text) {
+    auto const equals = text.find('=');
+    std::string key = text.substr(0, equals);
+    std::string const value = equals == std::string::npos ? "" : text.substr(equals + 1);
+    if (key.empty() || key == "-") bad("--set needs KEY or KEY=VALUE, got '" + text + "'");
+    if (key[0] != '-') key.insert(0, "-");
+    options[key] = value;
+}
+
+}  // namespace
+
+unsigned long long parse_byte_count(std::string const& text) {
+    std::string digits = text;
+    unsigned long long unit = 1;
+    if (!digits.empty()) {
+        switch (digits.back()) {
+            case 'k':
+            case 'K':
+                unit = 1ull << 10;
+                break;
+            case 'm':
+            case 'M':
+                unit = 1ull << 20;
+                break;
+            case 'g':
+            case 'G':
+                unit = 1ull << 30;
+                break;
+            default:
+                break;
+        }
+        if (unit != 1) digits.pop_back();
+    }
+    errno = 0;
+    char* end = nullptr;
+    unsigned long long const count = std::strtoull(digits.c_str(), &end, 10);
+    if (digits.empty() || digits[0] == '-' || *end != '\0' || errno != 0 || count == 0 ||
+        count > std::numeric_limits<unsigned long long>::max() / unit)
+        bad("--memory-limit needs a byte count such as 800M or 2G, got '" + text + "'");
+    return count * unit;
+}
+
+Arguments parse_arguments(std::vector<std::string> const& args) {
+    Arguments a;
+    if (args.empty()) bad("no command given");
+    std::string const& command = args[0];
+    if (command == "--help" || command == "-h" || command == "help") {
+        a.command = Command::help;
+        return a;
+    }
+    if (command == "--version") {
+        a.command = Command::version;
+        return a;
+    }
+    if (command == "fill")
+        a.command = Command::fill;
+    else if (command == "retarget") {
+        a.command = Command::retarget;
+        a.mode = WM::RecomposerModeTapestry;
+    } else
+        bad("unknown command '" + command + "'");
+
+    bool options_done = false;
+    for (std::size_t i = 1; i < args.size(); ++i) {
+        std::string arg = args[i];
+        if (options_done || arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
+            a.files.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            options_done = true;
+            continue;
+        }
+        if (arg == "--help") {
+            a.command = Command::help;
+            return a;
+        }
+        // "--name=value" and "--name value" alike.
+        std::optional<std::string> inline_value;
+        if (auto const equals = arg.find('='); equals != std::string::npos) {
+            inline_value = arg.substr(equals + 1);
+            arg.erase(equals);
+        }
+        auto const value = [&]() -> std::string {
+            if (inline_value) return *inline_value;
+            if (i + 1 >= args.size()) bad(arg + " needs a value");
+            return args[++i];
+        };
+        auto const no_value = [&] {
+            if (inline_value) bad(arg + " takes no value");
+        };
+
+        if (arg == "--mode") {
+            std::string const v = value();
+            if (v == "hole-fill")
+                a.mode = WM::RecomposerModeHoleFill;
+            else if (v == "default")
+                a.mode = WM::RecomposerModeDefault;
+            else if (v == "tapestry")
+                a.mode = WM::RecomposerModeTapestry;
+            else
+                bad("--mode must be hole-fill, default or tapestry, got '" + v + "'");
+        } else if (arg == "--comparator") {
+            std::string const v = value();
+            if (v == "translate")
+                a.comparator = Comparator::translate;
+            else if (v == "gain-bias")
+                a.comparator = Comparator::gain_bias;
+            else
+                bad("--comparator must be translate or gain-bias, got '" + v + "'");
+        } else if (arg == "--set") {
+            add_option(a.options, value());
+        } else if (arg == "--seed") {
+            a.options["-rand"] = std::to_string(parse_whole(arg, value(), 0, 2147483647));
+        } else if (arg == "--threads") {
+            a.threads = parse_whole(arg, value(), 1, 1024);
+        } else if (arg == "--scalar") {
+            no_value();
+            a.scalar = true;
+        } else if (arg == "--memory-limit") {
+            a.memory_limit = parse_byte_count(value());
+        } else if (arg == "--checksums") {
+            no_value();
+            a.checksums = true;
+        } else if (arg == "--quiet") {
+            no_value();
+            a.quiet = true;
+        } else if (arg == "--compare" && a.command == Command::fill) {
+            a.compare_path = value();
+            if (a.compare_path.empty()) bad("--compare needs a file name");
+        } else if (arg == "--width" && a.command == Command::retarget) {
+            a.width = parse_whole(arg, value(), 1, 65535);
+        } else if (arg == "--height" && a.command == Command::retarget) {
+            a.height = parse_whole(arg, value(), 1, 65535);
+        } else if (arg == "--scale" && a.command == Command::retarget) {
+            a.scale = parse_positive(arg, value());
+        } else {
+            bad("unknown option '" + arg + "' for '" + command + "'");
+        }
+    }
+
+    std::size_t const wanted = a.command == Command::fill ? 3 : 2;
+    if (a.files.size() != wanted)
+        bad(command + " needs " +
+            (a.command == Command::fill ? "IMAGE MASK OUTPUT" : std::string("IMAGE OUTPUT")) +
+            ", got " + std::to_string(a.files.size()) + " file name(s)");
+    if (a.command == Command::retarget) {
+        if (a.scale > 0.0 && (a.width != 0 || a.height != 0))
+            bad("retarget takes --scale or --width/--height, not both");
+        if (a.scale == 0.0 && a.width == 0 && a.height == 0)
+            bad("retarget needs --width W, --height H or --scale S");
+    }
+    return a;
+}
+
+char const* usage_text() {
+    return "usage:\n"
+           "  weftmap fill IMAGE MASK OUTPUT [options] [--compare FILE]\n"
+           "  weftmap retarget IMAGE OUTPUT (--width W | --height H | --scale S) [options]\n"
+           "  weftmap --version\n"
+           "  weftmap --help\n"
+           "\n"
+           "fill      fills the hole where MASK is non-zero (255 = hole; partial values are\n"
+           "          passed on as they are) with material from the rest of IMAGE.\n"
+           "          --compare FILE  also writes the input with the hole tinted beside the\n"
+           "                          result, as 8-bit RGB\n"
+           "retarget  changes the picture's size while keeping its texture; --width and\n"
+           "          --height may be given together, a missing one keeps the input's side\n"
+           "\n"
+           "options:\n"
+           "  --mode hole-fill|default|tapestry  parameter preset (fill: hole-fill,\n"
+           "                                     retarget: tapestry)\n"
+           "  --comparator translate|gain-bias   patch comparison (default translate)\n"
+           "  --set KEY[=VALUE]    a recomposer option, e.g. --set -em_iters=8 or\n"
+           "                       --set -no_minnn (repeatable; unknown keys are ignored)\n"
+           "  --seed N             random seed (0 seeds from the clock; default: fixed)\n"
+           "  --threads N          number of search bands (default: one per core)\n"
+           "  --scalar             scalar patch kernels instead of the vector ones\n"
+           "  --memory-limit BYTES limit of the library's image memory (K, M, G suffixes)\n"
+           "  --checksums          diagnostic channel with image checksums on standard error\n"
+           "  --quiet              no progress and no summary\n"
+           "\n"
+           "Files: PNG (8/16-bit gray or RGB; alpha is dropped), JPEG (8-bit gray, RGB,\n"
+           "CMYK) and TIFF (8/16-bit or float gray, RGB, CMYK). The output keeps the\n"
+           "input's format and depth unless its extension (.png, .jpg, .tif) asks for\n"
+           "another; it is written under a temporary name and renamed when complete.\n"
+           "\n"
+           "exit status:\n"
+           "  0    success (also when the mask is empty: the input is copied)\n"
+           "  1    the library failed; its message is shown\n"
+           "  2    bad command line\n"
+           "  3    an input file is missing, unreadable, unsupported or of the wrong size\n"
+           "  4    the hole leaves too little of the picture to sample from\n"
+           "  5    the memory limit is too small for this run\n"
+           "  6    the output cannot be written\n"
+           "  130  cancelled with Ctrl-C (143 with SIGTERM); no output is written\n";
+}
+
+}  // namespace weftmap_tool

@@ -1,0 +1,50 @@
+// The command line of the weftmap host: subcommand, files and options.
+#pragma once
+
+#include <weftmap/recomposer/parameters.hpp>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace weftmap_tool {
+
+enum class Command { help, version, fill, retarget };
+enum class Comparator { translate, gain_bias };
+
+struct Arguments {
+    Command command = Command::help;
+    // fill: IMAGE MASK OUTPUT; retarget: IMAGE OUTPUT.
+    std::vector<std::string> files;
+
+    WM::RecomposerMode mode = WM::RecomposerModeHoleFill;
+    Comparator comparator = Comparator::translate;
+    // Handed to the recomposer's setParameters as they stand.
+    std::map<std::string, std::string> options;
+    // Search bands; -1 lets the library choose.
+    long long threads = -1;
+    bool scalar = false;
+    std::optional<unsigned long long> memory_limit;
+    bool checksums = false;
+    bool quiet = false;
+
+    // fill: a side-by-side picture of the input (hole tinted) and the result.
+    std::string compare_path;
+
+    // retarget: the new width and height (0 keeps the input's) or a scale.
+    long long width = 0;
+    long long height = 0;
+    double scale = 0.0;
+};
+
+// Parses argv[1..]. Throws ToolError with exit_usage and a one-line reason.
+Arguments parse_arguments(std::vector<std::string> const& args);
+
+// "1500", "64K", "512M", "2G" (powers of 1024). Throws ToolError on anything else.
+unsigned long long parse_byte_count(std::string const& text);
+
+// The text of `weftmap --help`.
+char const* usage_text();
+
+}  // namespace weftmap_tool
