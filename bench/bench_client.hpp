@@ -1,6 +1,7 @@
 // The host client every benchmark runs under: plain heap memory, no diagnostics.
 #pragma once
 
+#include <weftmap/correspondence/weftmap.hpp>
 #include <weftmap/frame/client.hpp>
 #include <weftmap/image/memory.hpp>
 #include <weftmap/image/pixel_types.hpp>
@@ -34,6 +35,13 @@ public:
 };
 
 BenchClient& client();
+
+// A run's client that ignores progress and never cancels.
+template <class Pixel>
+class NullProgress : public ClientBase<Pixel> {
+public:
+    void updateProgress(float) override {}
+};
 
 // A smooth, photograph-like test image: gradients plus mild noise.
 template <class Pixel>

@@ -13,11 +13,6 @@ namespace {
 using Pixel = rgb8_pixel_t;
 using Recomposer = WeftmapRecomposer<TranslatePatchCompare<Pixel>>;
 
-class NullProgress : public ClientBase<Pixel> {
-public:
-    void updateProgress(float) override {}
-};
-
 // An irregular hole of about 10% of the picture: overlapping discs along a
 // random walk, as a brushed object mask looks.
 RecycledImage<gray8_pixel_t> irregular_hole(Point const& size, unsigned seed) {
@@ -60,7 +55,7 @@ void BM_HoleFill(benchmark::State& state) {
         auto const held = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
         client().allocator.peak = held;
         state.ResumeTiming();
-        NullProgress progress;
+        NullProgress<Pixel> progress;
         Recomposer recomposer(&progress, RecomposerModeHoleFill);
         std::vector<Constraint> constraints;
         RecycledImage<Pixel> output;
@@ -81,7 +76,7 @@ void BM_Retarget70(benchmark::State& state) {
         auto const held = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
         client().allocator.peak = held;
         state.ResumeTiming();
-        NullProgress progress;
+        NullProgress<Pixel> progress;
         Recomposer recomposer(&progress, RecomposerModeTapestry);
         std::vector<Constraint> constraints;
         RecycledImage<Pixel> output;

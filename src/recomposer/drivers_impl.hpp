@@ -76,6 +76,29 @@ inline Box nonzero_bounding_box(ConstGrayView const& mask) {
 
 }  // namespace detail
 
+// Takes the inputs of a run and resets what an earlier run left behind.
+template <class Compare>
+void begin_run(WeftmapRecomposer<Compare>& r,
+               typename WeftmapRecomposer<Compare>::view_t const& source, GrayView const* hole,
+               typename WeftmapRecomposer<Compare>::view_t const* guess, GrayView const* valid,
+               typename WeftmapRecomposer<Compare>::view_t const* target_constraint,
+               GrayView const* region, GrayView const* src_important,
+               GrayView const* target_constraint_mask) {
+    r.source_view = source;
+    r.hole_arg = hole;
+    r.guess_arg = guess;
+    r.valid_arg = valid;
+    r.tconstraint_arg = target_constraint;
+    r.region_arg = region;
+    r.src_important_arg = src_important;
+    r.tconstraint_mask_arg = target_constraint_mask;
+    r.first_synthesis_level = 0;
+    r.progress_table.assign(1, 0.0f);
+    r.progress_cursor = 0;
+    // A hole distance map of an earlier run would steer this run's windows.
+    r._distance_view = DistanceInsetView();
+}
+
 // Between level 0 and level 1: a larger patch for the finer levels, and
 // the finer levels' vote weights.
 template <class Compare>
@@ -124,19 +147,8 @@ void WeftmapRecomposer<Compare>::recompose(view_t const& source,
     detail::refuse_negative_coarse_size(coarse_size);
     if (hole == nullptr) raise("WEFTMAP_INVALID_PARAMETERS: recompose needs a hole mask");
     detail::SavedRunParameters<WeftmapRecomposer> const saved(*this);
-    this->source_view = source;
-    this->hole_arg = hole;
-    this->guess_arg = guess;
-    this->valid_arg = valid;
-    this->tconstraint_arg = target_constraint;
-    this->region_arg = region;
-    this->src_important_arg = src_important;
-    this->tconstraint_mask_arg = target_constraint_mask;
-    first_synthesis_level = 0;
-    this->progress_table.assign(1, 0.0f);
-    this->progress_cursor = 0;
-    // A hole distance map of an earlier run would steer this run's windows.
-    this->_distance_view = DistanceInsetView();
+    begin_run(*this, source, hole, guess, valid, target_constraint, region, src_important,
+              target_constraint_mask);
 
     Point reserve =
         target_box != nullptr ? target_box->size() : detail::nonzero_bounding_box(*hole).size();
@@ -199,19 +211,8 @@ void WeftmapRecomposer<Compare>::retarget(view_t const& source,
     detail::refuse_zero_coarse_size(coarse_size);
     debug_log("Begin Weftmap retarget\n");
     detail::SavedRunParameters<WeftmapRecomposer> const saved(*this);
-    this->source_view = source;
-    this->hole_arg = hole;
-    this->valid_arg = valid;
-    this->tconstraint_arg = target_constraint;
-    this->src_important_arg = src_important;
-    this->guess_arg = nullptr;
-    this->region_arg = nullptr;
-    this->tconstraint_mask_arg = nullptr;
-    first_synthesis_level = 0;
-    this->progress_table.assign(1, 0.0f);
-    this->progress_cursor = 0;
-    // A hole distance map of an earlier run would steer this run's windows.
-    this->_distance_view = DistanceInsetView();
+    begin_run(*this, source, hole, nullptr, valid, target_constraint, nullptr, src_important,
+              nullptr);
 
     if (hole != nullptr) {
         if (target_constraint == nullptr)
