@@ -64,7 +64,14 @@ DistanceInsetView fill_hole_distance(ConstGrayView const& hole, Box const& box,
             static_cast<long long>(hole.width()), static_cast<long long>(hole.height()));
     // Half a patch around the hole is enough for every patch that touches it.
     Box rect = detail::grow_and_clip(box, patch_w / 2, hole.dimensions());
-    if (rect.empty()) rect = Box{};  // no hole: an empty map at the origin
+    if (rect.empty()) {
+        // No hole (or no hole view at all, as in a retarget): an empty map
+        // whose default says "known" everywhere.
+        distance.recreate(Point(0, 0));
+        DistanceInsetView none(view(distance), hole.dimensions(), Point(0, 0));
+        none.set_default(int_gray_pixel_t(0));
+        return none;
+    }
     Point const origin = rect.min_corner();
     Point const size = rect.size();
     distance.recreate(size);

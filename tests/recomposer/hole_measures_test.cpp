@@ -9,9 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <random>
+#include <tuple>
 
 namespace WM {
 namespace {
@@ -21,6 +21,7 @@ using test::error_text;
 using Gray = RecycledImage<gray8_pixel_t>;
 
 constexpr int w = 7;
+gray8_pixel_t const zero(0);
 
 // Whether some patch corner that covers (x, y) is 0 in `tmask` and is a real
 // corner (a whole patch fits there).
@@ -32,81 +33,74 @@ bool covered_by_free_patch(GrayView const& tmask, std::ptrdiff_t x, std::ptrdiff
     return false;
 }
 
-int count_zeros(GrayView const& mask) {
-    int n = 0;
-    for (std::ptrdiff_t y = 0; y < mask.height(); ++y)
-        for (std::ptrdiff_t x = 0; x < mask.width(); ++x) n += mask(x, y)[0] == 0;
-    return n;
+long count_zeros(GrayView const& mask) {
+    return std::count(mask.begin(), mask.end(), zero);
 }
 
 // A recomposer with a hole of `size` (all known) set as its hole input.
 struct MaskSetup : test::RecomposerUnderTest<> {
-    explicit MaskSetup(Point const& size) : hole(byte_mask(size, 255)) {
+    explicit MaskSetup(Point const& size) : size(size) { reset(); }
+    // A fresh all-known hole and, for a value of 0 or more, a constraint
+    // mask of that value.
+    void reset(int constraint_value = -1) {
+        hole = byte_mask(size, 255);
         r.hole_view = view(hole);
         r.hole_arg = &r.hole_view;
+        if (constraint_value < 0) return;
+        constraint = byte_mask(size, constraint_value);
+        r.tconstraint_mask_view = view(constraint);
     }
-    Gray hole;
+    Point size;
+    Gray hole, constraint;
 };
 
 TEST(CalculateMasks, HoleCornersAreFreeAndTheLastRowsAndColumnsClosed) {
     Point const size(20, 16);
     MaskSetup s(size);
-    for (int y = 6; y <= 7; ++y)
-        for (int x = 8; x <= 10; ++x) view(s.hole)(x, y)[0] = 0;
-    s.r.calculate_masks(size, size);
-
-    GrayView const tmask = s.r.get_tmask();
-    GrayView const smask = view(s.r._smask_buf);
-    ASSERT_EQ(tmask.dimensions(), size);
-    ASSERT_EQ(smask.dimensions(), size);
-    // A corner is free exactly when its patch covers a hole pixel.
-    for (int y = 0; y < size.y; ++y)
-        for (int x = 0; x < size.x; ++x) {
-            bool const real = x <= size.x - w && y <= size.y - w;
-            bool const touches = x <= 10 && x + w - 1 >= 8 && y <= 7 && y + w - 1 >= 6;
-            EXPECT_EQ(tmask(x, y)[0], real && touches ? 0 : 255) << x << "," << y;
-            EXPECT_EQ(smask(x, y)[0], real ? 0 : 255) << x << "," << y;
+    test::paint(view(s.hole), Box{8, 6, 11, 8}, zero);
+    // A corner is free exactly when its patch covers a hole pixel; without a
+    // hole every real corner is free. The last six rows and columns of both
+    // masks are 255 all the same.
+    for (bool const with_hole : {true, false}) {
+        s.r.hole_arg = with_hole ? &s.r.hole_view : nullptr;
+        s.r.calculate_masks(size, size);
+        GrayView const tmask = s.r.get_tmask();
+        GrayView const smask = view(s.r._smask_buf);
+        ASSERT_EQ(tmask.dimensions(), size);
+        ASSERT_EQ(smask.dimensions(), size);
+        for (int y = 0; y < size.y; ++y)
+            for (int x = 0; x < size.x; ++x) {
+                bool const real = x <= size.x - w && y <= size.y - w;
+                bool const touches =
+                    !with_hole || (x <= 10 && x + w - 1 >= 8 && y <= 7 && y + w - 1 >= 6);
+                EXPECT_EQ(tmask(x, y)[0], real && touches ? 0 : 255) << x << "," << y;
+                EXPECT_EQ(smask(x, y)[0], real ? 0 : 255) << x << "," << y;
+            }
+        if (with_hole) {
+            EXPECT_EQ(s.r._tmask.boxes[0], (Box{2, 0, 11, 8}));
+            EXPECT_EQ(get_abox(w, size, &s.r._tmask), (Box{2, 0, 11, 8}));
         }
-    EXPECT_EQ(s.r._tmask.boxes[0], (Box{2, 0, 11, 8}));
-    EXPECT_EQ(get_abox(w, size, &s.r._tmask), (Box{2, 0, 11, 8}));
-
-    // Without a hole every real corner is free; the last six rows and
-    // columns of both masks are 255 all the same.
-    s.r.hole_arg = nullptr;
-    s.r.calculate_masks(size, size);
-    for (int y = 0; y < size.y; ++y)
-        for (int x = 0; x < size.x; ++x) {
-            bool const real = x <= size.x - w && y <= size.y - w;
-            EXPECT_EQ(tmask(x, y)[0], real ? 0 : 255);
-            EXPECT_EQ(smask(x, y)[0], real ? 0 : 255);
-        }
+    }
 }
 
 TEST(CalculateMasks, ConstraintMarksFreezePatchesButEveryHolePixelKeepsOne) {
     Point const size(20, 16);
     MaskSetup s(size);
-    Gray constraint = byte_mask(size, 255);
-    s.r.tconstraint_mask_view = view(constraint);
-
-    // A hole pixel ringed by fixed pixels: the marks take every corner that
-    // covers it, so the top left one is given back.
+    // A hole pixel ringed by fixed pixels (the mark on the hole pixel itself
+    // counts for nothing): the marks take every corner that covers it, so the
+    // top left one is given back.
+    s.reset(255);
     view(s.hole)(10, 8)[0] = 0;
-    for (int y = 7; y <= 9; ++y)
-        for (int x = 9; x <= 11; ++x) view(constraint)(x, y)[0] = 0;
-    view(constraint)(10, 8)[0] = 0;  // in the hole: no mark
+    test::paint(view(s.constraint), Box{9, 7, 12, 10}, zero);
     s.r.calculate_masks(size, size);
-    GrayView const tmask = s.r.get_tmask();
-    EXPECT_EQ(count_zeros(tmask), 1);
-    EXPECT_EQ(tmask(4, 2)[0], 0);
+    EXPECT_EQ(count_zeros(s.r.get_tmask()), 1);
+    EXPECT_EQ(s.r.get_tmask()(4, 2)[0], 0);
 
     // A hole pixel on the right edge with a fixed pixel beside it: only
     // corner column 13 holds whole patches, and the mark takes all of it.
-    s.hole = byte_mask(size, 255);
-    constraint = byte_mask(size, 255);
-    s.r.hole_view = view(s.hole);
-    s.r.tconstraint_mask_view = view(constraint);
+    s.reset(255);
     view(s.hole)(19, 8)[0] = 0;
-    view(constraint)(18, 8)[0] = 0;
+    view(s.constraint)(18, 8)[0] = 0;
     s.r.calculate_masks(size, size);
     EXPECT_TRUE(covered_by_free_patch(s.r.get_tmask(), 19, 8));
     EXPECT_EQ(s.r.get_tmask()(13, 2)[0], 0);
@@ -115,12 +109,9 @@ TEST(CalculateMasks, ConstraintMarksFreezePatchesButEveryHolePixelKeepsOne) {
     // free corner covers a fixed pixel except the one given back per pixel.
     std::mt19937 rng(7);
     for (int round = 0; round < 20; ++round) {
-        s.hole = byte_mask(size, 255);
-        constraint = byte_mask(size, 255);
-        s.r.hole_view = view(s.hole);
-        s.r.tconstraint_mask_view = view(constraint);
+        s.reset(255);
         for (int i = 0; i < 6; ++i) view(s.hole)(rng() % size.x, rng() % size.y)[0] = 0;
-        for (int i = 0; i < 40; ++i) view(constraint)(rng() % size.x, rng() % size.y)[0] = 100;
+        for (int i = 0; i < 40; ++i) view(s.constraint)(rng() % size.x, rng() % size.y)[0] = 100;
         s.r.calculate_masks(size, size);
         GrayView const t = s.r.get_tmask();
         int given_back = 0;
@@ -136,7 +127,7 @@ TEST(CalculateMasks, ConstraintMarksFreezePatchesButEveryHolePixelKeepsOne) {
                 for (int py = y; py < y + w; ++py)
                     for (int px = x; px < x + w; ++px)
                         touches_fixed |=
-                            view(constraint)(px, py)[0] != 255 && view(s.hole)(px, py)[0] == 255;
+                            view(s.constraint)(px, py)[0] != 255 && view(s.hole)(px, py)[0] == 255;
                 given_back += touches_fixed;
             }
         EXPECT_LE(given_back, 6);
@@ -145,32 +136,27 @@ TEST(CalculateMasks, ConstraintMarksFreezePatchesButEveryHolePixelKeepsOne) {
 
 TEST(CalculateMasks, SmallSourcesAndCornerHoles) {
     // A source narrower than patch_w - 1: nothing to sample, nothing to change.
-    MaskSetup s(Point(20, 16));
+    Point const size(20, 16);
+    MaskSetup s(size);
     view(s.hole)(5, 5)[0] = 0;
-    s.r.calculate_masks(Point(20, 16), Point(5, 20));
+    s.r.calculate_masks(size, Point(5, 20));
     ASSERT_EQ(s.r._smask_buf.dimensions(), Point(5, 20));
     EXPECT_EQ(count_zeros(view(s.r._smask_buf)), 0);
     EXPECT_EQ(count_zeros(s.r.get_tmask()), 0);
-    EXPECT_TRUE(get_abox(w, Point(20, 16), &s.r._tmask).empty());
+    EXPECT_TRUE(get_abox(w, size, &s.r._tmask).empty());
 
     // One hole pixel in each image corner, the rest of the image fixed: the
     // only patch that can fill it is the corner patch.
-    Point const size(20, 16);
     for (Point const corner : {Point(0, 0), Point(19, 15), Point(19, 0), Point(0, 15)}) {
         MaskSetup c(size);
-        Gray constraint = byte_mask(size, 0);
-        c.r.tconstraint_mask_view = view(constraint);
+        c.reset(0);
         view(c.hole)(corner.x, corner.y)[0] = 0;
-        view(constraint)(corner.x, corner.y)[0] = 0;
         c.r.calculate_masks(size, size);
-        Point const free(std::min<std::ptrdiff_t>(corner.x, size.x - w),
-                         std::min<std::ptrdiff_t>(corner.y, size.y - w));
+        int const fx = int(std::min<std::ptrdiff_t>(corner.x, size.x - w));
+        int const fy = int(std::min<std::ptrdiff_t>(corner.y, size.y - w));
         EXPECT_EQ(count_zeros(c.r.get_tmask()), 1);
-        EXPECT_EQ(c.r.get_tmask()(free.x, free.y)[0], 0);
-        EXPECT_EQ(
-            c.r._tmask.boxes[0],
-            (Box{static_cast<std::int32_t>(free.x), static_cast<std::int32_t>(free.y),
-                 static_cast<std::int32_t>(free.x + 1), static_cast<std::int32_t>(free.y + 1)}));
+        EXPECT_EQ(c.r.get_tmask()(fx, fy)[0], 0);
+        EXPECT_EQ(c.r._tmask.boxes[0], (Box{fx, fy, fx + 1, fy + 1}));
     }
 }
 
@@ -206,16 +192,6 @@ TEST(CalculateMasks, ValidMaskAndSizeMessages) {
               "target_constraint mask size (20x15)");
 }
 
-// City-block distance from (x, y) to the nearest 255 of `hole` within
-// `rect`, 10000 when there is none.
-int brute_distance(ConstGrayView const& hole, Box const& rect, int x, int y) {
-    int best = 10000;
-    for (int yy = rect.ymin; yy < rect.ymax; ++yy)
-        for (int xx = rect.xmin; xx < rect.xmax; ++xx)
-            if (hole(xx, yy)[0] == 255) best = std::min(best, std::abs(xx - x) + std::abs(yy - y));
-    return best;
-}
-
 TEST(FillHoleDistance, MatchesBruteForceOverTheGrownBox) {
     std::mt19937 rng(11);
     RecycledImage<int_gray_pixel_t> distance;
@@ -233,17 +209,25 @@ TEST(FillHoleDistance, MatchesBruteForceOverTheGrownBox) {
         DistanceInsetView const d = fill_hole_distance(const_view(hole), box, distance, w, nullptr);
         Box const rect{std::max(box.xmin - 3, 0), std::max(box.ymin - 3, 0),
                        std::min(box.xmax + 3, 30), std::min(box.ymax + 3, 25)};
+        auto const inside = [&](int x, int y) {
+            return x >= rect.xmin && x < rect.xmax && y >= rect.ymin && y < rect.ymax;
+        };
+        // City-block distance to the nearest known pixel within the rectangle.
+        auto const known = [&](int x, int y) { return inside(x, y) && view(hole)(x, y)[0] == 255; };
         ASSERT_EQ(d.dimensions(), size);
         EXPECT_EQ(d.xmin, rect.xmin);
         EXPECT_EQ(d.ymax, rect.ymax);
         for (int y = 0; y < 25; ++y)
-            for (int x = 0; x < 30; ++x) {
-                bool const inside =
-                    x >= rect.xmin && x < rect.xmax && y >= rect.ymin && y < rect.ymax;
-                int const expected = inside ? brute_distance(const_view(hole), rect, x, y) : 0;
-                ASSERT_EQ(d(x, y)[0], expected) << x << "," << y << " round " << round;
-            }
+            for (int x = 0; x < 30; ++x)
+                ASSERT_EQ(d(x, y)[0],
+                          inside(x, y) ? test::city_block(30, 25, x, y, known, 10000) : 0)
+                    << x << "," << y << " round " << round;
     }
+
+    // No hole view at all (a retarget): nothing to measure, every pixel known.
+    DistanceInsetView const none = fill_hole_distance(ConstGrayView(), Box{}, distance, w, nullptr);
+    EXPECT_EQ(none.dimensions(), Point(0, 0));
+    EXPECT_EQ(none(0, 0)[0], 0);
 
     // The constraint mask is published and must have the hole's size.
     Gray hole = byte_mask(Point(12, 10), 255);
@@ -265,8 +249,7 @@ TEST(FillHoleDistance, MatchesBruteForceOverTheGrownBox) {
 // A 40 x 40 hole image with the square (10..29, 10..29) missing.
 Gray square_hole() {
     Gray hole = byte_mask(Point(40, 40), 255);
-    for (int y = 10; y < 30; ++y)
-        for (int x = 10; x < 30; ++x) view(hole)(x, y)[0] = 0;
+    test::paint(view(hole), Box{10, 10, 30, 30}, zero);
     return hole;
 }
 
@@ -277,16 +260,16 @@ TEST(HoleWeight, FallsByGammaPerPixelWithAStepAtHalfAPatch) {
     r.current_hole_gamma = 1.3;
     Gray hole = square_hole();
     test::ScopedCapture capture;
-    WeightInsetView const weights =
-        r.compute_weights(const_view(hole), &r._tmask, r._tweight_buf, nullptr);
+    auto const weigh = [&](Gray const& h) {
+        return r.compute_weights(const_view(h), &r._tmask, r._tweight_buf, nullptr);
+    };
+    WeightInsetView const weights = weigh(hole);
     EXPECT_NE(capture.channel.written.find("CHECKSUM (test): hole_weight bd: "), std::string::npos);
 
     // Frame of the hole, rectangle of the hole grown by half a patch.
     EXPECT_EQ(weights.dimensions(), Point(40, 40));
-    EXPECT_EQ(weights.xmin, 7);
-    EXPECT_EQ(weights.ymin, 7);
-    EXPECT_EQ(weights.xmax, 33);
-    EXPECT_EQ(weights.ymax, 33);
+    EXPECT_EQ(std::make_tuple(weights.xmin, weights.ymin, weights.xmax, weights.ymax),
+              std::make_tuple(7, 7, 33, 33));
     EXPECT_EQ(weights(0, 0)[0], 1e30f);   // outside: the default
     EXPECT_EQ(weights(9, 20)[0], 1e30f);  // known pixel
     // Along row 20 from the left edge of the hole the distance is 1, 2, ...
@@ -307,21 +290,16 @@ TEST(HoleWeight, FallsByGammaPerPixelWithAStepAtHalfAPatch) {
 
     // A steep gamma drives the middle under float range: the floor holds.
     r.current_hole_gamma = 10.0;
-    WeightInsetView const steep =
-        r.compute_weights(const_view(hole), &r._tmask, r._tweight_buf, nullptr);
-    EXPECT_FLOAT_EQ(steep(19, 20)[0], 1e20f);  // d = 10, shift 0
+    EXPECT_FLOAT_EQ(weigh(hole)(19, 20)[0], 1e20f);  // d = 10, shift 0
     Gray wide = byte_mask(Point(140, 140), 255);
-    for (int y = 5; y < 135; ++y)
-        for (int x = 5; x < 135; ++x) view(wide)(x, y)[0] = 0;
-    WeightInsetView const floored =
-        r.compute_weights(const_view(wide), &r._tmask, r._tweight_buf, nullptr);
+    test::paint(view(wide), Box{5, 5, 135, 135}, zero);
+    WeightInsetView const floored = weigh(wide);
     EXPECT_EQ(floored(70, 70)[0], static_cast<float>(1.1754943508222875e-28));
     EXPECT_GT(floored(70, 70)[0], 0.0f);
 
     // Without hole weighting: all 1.0, the default too.
     r.weigh_hole = false;
-    WeightInsetView const flat =
-        r.compute_weights(const_view(hole), &r._tmask, r._tweight_buf, nullptr);
+    WeightInsetView const flat = weigh(hole);
     EXPECT_EQ(flat(0, 0)[0], 1.0f);
     EXPECT_EQ(flat(20, 20)[0], 1.0f);
     EXPECT_EQ(flat.xmin, 7);
@@ -333,24 +311,20 @@ TEST(HoleWeight, RefusesMismatchedSizesAndAGammaWithoutStep) {
     Gray hole = square_hole();
     RecycledImage<weight_pixel_t> storage(Point(10, 10));
     WeightInsetView weights(view(storage), Point(40, 39), Point(0, 0));
-    EXPECT_EQ(error_text([&] {
-                  r.hole_weight(const_view(hole), Box{10, 10, 30, 30}, weights, nullptr);
-              }),
-              "WEFTMAP_INTERNAL_ERROR:hole_weight masks differ: target_mask size (40x40) != "
-              "output size (40x39)");
     WeightInsetView right(view(storage), Point(40, 40), Point(0, 0));
     Gray mask = byte_mask(Point(39, 40), 255);
     ConstGrayView const mask_view = const_view(mask);
-    EXPECT_EQ(error_text([&] {
-                  r.hole_weight(const_view(hole), Box{10, 10, 30, 30}, right, &mask_view);
-              }),
+    auto const weigh = [&](WeightInsetView& out, ConstGrayView const* m) {
+        return error_text([&] { r.hole_weight(const_view(hole), Box{10, 10, 30, 30}, out, m); });
+    };
+    EXPECT_EQ(weigh(weights, nullptr),
+              "WEFTMAP_INTERNAL_ERROR:hole_weight masks differ: target_mask size (40x40) != "
+              "output size (40x39)");
+    EXPECT_EQ(weigh(right, &mask_view),
               "WEFTMAP_INTERNAL_ERROR:hole_weight masks differ: tconstraint_mask size (39x40) != "
               "output size (40x40)");
     r.current_hole_gamma = 1.0;
-    EXPECT_EQ(error_text([&] {
-                  r.hole_weight(const_view(hole), Box{10, 10, 30, 30}, right, nullptr);
-              }).rfind("WEFTMAP_INVALID_PARAMETERS:", 0),
-              0u);
+    EXPECT_EQ(weigh(right, nullptr).rfind("WEFTMAP_INVALID_PARAMETERS:", 0), 0u);
 }
 
 TEST(GetHoleProperties, MeasuresTheHoleAndSizesTheAdaptiveWindow) {
@@ -378,7 +352,7 @@ TEST(GetHoleProperties, MeasuresTheHoleAndSizesTheAdaptiveWindow) {
     // A thin hole has a negative bound, which enters the sum as it is:
     // B = -2, r = sqrt(30) * 0.56419 - 0.9, v = trunc(-0.2085 + 16) = 15.
     Gray line = byte_mask(Point(40, 40), 255);
-    for (int x = 5; x < 35; ++x) view(line)(x, 20)[0] = 0;
+    test::paint(view(line), Box{5, 20, 35, 21}, zero);
     r.hole_view = view(line);
     r.half_search_window = -500;
     r.get_hole_properties();
@@ -429,14 +403,16 @@ TEST(PatchCounts, EnoughPatchesToSampleFrom) {
     for (int i = 0; i < 5; ++i) view(smask)(i % 4, i / 4)[0] = 0;
     view(smask)(8, 8)[0] = 0;  // not a corner
     for (int i = 0; i < 10; ++i) view(tmask)(i % 4, i / 4)[0] = 255;
-    auto const s = const_view(smask);
-    auto const t = const_view(tmask);
-    EXPECT_TRUE(check_enough_patches_to_sample_from(w, s, t, 5, true, 0.0));
-    EXPECT_FALSE(check_enough_patches_to_sample_from(w, s, t, 6, true, 0.0));
+    auto const enough = [&](int min_patches, bool count_only, double min_ratio) {
+        return check_enough_patches_to_sample_from(w, const_view(smask), const_view(tmask),
+                                                   min_patches, count_only, min_ratio);
+    };
+    EXPECT_TRUE(enough(5, true, 0.0));
+    EXPECT_FALSE(enough(6, true, 0.0));
     // Ratio 5 / 10.
-    EXPECT_TRUE(check_enough_patches_to_sample_from(w, s, t, 5, false, 0.5));
-    EXPECT_FALSE(check_enough_patches_to_sample_from(w, s, t, 5, false, 0.51));
-    EXPECT_FALSE(check_enough_patches_to_sample_from(w, s, t, 6, false, 0.0));
+    EXPECT_TRUE(enough(5, false, 0.5));
+    EXPECT_FALSE(enough(5, false, 0.51));
+    EXPECT_FALSE(enough(6, false, 0.0));
     // No patch corner at all.
     Gray tiny = byte_mask(Point(6, 10), 0);
     EXPECT_FALSE(
@@ -472,11 +448,9 @@ TYPED_TEST(MasksAllTypes, SameMasksForEveryInstantiation) {
     Point const size(24, 18);
     Gray hole = square_hole();
     Gray small = byte_mask(size, 255);
-    for (int y = 5; y < 9; ++y)
-        for (int x = 3; x < 12; ++x) view(small)(x, y)[0] = 0;
+    test::paint(view(small), Box{3, 5, 12, 9}, zero);
     MaskSetup reference(size);
     reference.hole = small;
-    reference.r.hole_view = view(reference.hole);
     reference.r.calculate_masks(size, size);
 
     auto const check = [&](auto& r) {
