@@ -1,4 +1,5 @@
 #include "correspondence/recording_client.hpp"
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -16,7 +17,7 @@ namespace WM {
 namespace {
 
 using Pixel = rgb8_pixel_t;
-using Engine = Weftmap<TranslatePatchCompare<Pixel>>;
+using Engine = test::TestEngine<TranslatePatchCompare<Pixel>>;
 
 TEST(RandomGenerator, StepsAndSeedsAsDefined) {
     RandomGenerator g;
@@ -43,12 +44,7 @@ TEST(SearchBands, CutTheBoxIntoHorizontalStrips) {
     auto const bands = search_bands(Box{2, 0, 9, 10}, 4);
     ASSERT_EQ(bands.size(), 4u);
     int const expected[] = {0, 2, 5, 7, 10};
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(bands[i].ymin, expected[i]);
-        EXPECT_EQ(bands[i].ymax, expected[i + 1]);
-        EXPECT_EQ(bands[i].xmin, 2);
-        EXPECT_EQ(bands[i].xmax, 9);
-    }
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(bands[i], (Box{2, expected[i], 9, expected[i + 1]}));
     EXPECT_EQ(search_bands(Box{0, 0, 5, 3}, 4).size(), 1u);  // under one row per band
     EXPECT_EQ(search_bands(Box{0, 0, 5, 30}, 1).size(), 1u);
     EXPECT_EQ(search_radius_ratio(0.5), 32768);
@@ -56,14 +52,10 @@ TEST(SearchBands, CutTheBoxIntoHorizontalStrips) {
 }
 
 TEST(InitNnf, FieldStaysInsideTheSourceAndOffMaskedPatches) {
-    test::RecordingClient<Pixel> client;
-    Engine engine(&client);
+    Engine engine;
     RecycledImage<offset_pixel_t> nnf;
-    RegionMasks a_mask;
-    a_mask.recreate(Point(40, 30));
-    boost::gil::fill_pixels(a_mask.view, gray8_pixel_t(0));
-    for (int y = 5; y < 10; ++y) a_mask.view(7, y) = gray8_pixel_t(255);
-    a_mask.update_boxes(7);
+    RegionMasks a_mask = test::label_masks(
+        Point(40, 30), [](int x, int y) { return x == 7 && y >= 5 && y < 10 ? 255 : 0; });
     engine.init_nnf(Point(40, 30), Point(25, 20), nnf, nullptr, &a_mask, nullptr);
     ASSERT_EQ(nnf.dimensions(), Point(40, 30));
     for (int y = 0; y < 30; ++y)
@@ -84,8 +76,7 @@ TEST(InitNnf, FieldStaysInsideTheSourceAndOffMaskedPatches) {
 }
 
 TEST(InitNnf, WindowIsCutAtTheSourceBorderNotMoved) {
-    test::RecordingClient<Pixel> client;
-    Engine engine(&client);
+    Engine engine;
     engine.half_search_window = 10;
     engine.current_scale = 1.0;
     RecycledImage<offset_pixel_t> nnf;
@@ -120,16 +111,10 @@ TEST(InitNnf, WindowIsCutAtTheSourceBorderNotMoved) {
 }
 
 TEST(InitNnf, SampleRegionsKeepLabelsApart) {
-    test::RecordingClient<Pixel> client;
-    Engine engine(&client);
+    Engine engine;
     Point const size(30, 24);
-    RegionMasks regions;
-    regions.recreate(size);
-    for (int y = 0; y < size.y; ++y)
-        for (int x = 0; x < size.x; ++x) regions.view(x, y) = gray8_pixel_t(x < 15 ? 1 : 2);
-    regions.update_boxes(7);
-    RecycledImage<gray8_pixel_t> excluded(size);
-    boost::gil::fill_pixels(view(excluded), gray8_pixel_t(0));
+    RegionMasks regions = test::label_masks(size, [](int x, int) { return x < 15 ? 1 : 2; });
+    auto excluded = test::byte_mask(size, 0);
     view(excluded)(3, 3) = gray8_pixel_t(255);
 
     SampleRegions samples;
@@ -158,14 +143,12 @@ TEST(InitNnf, SampleRegionsKeepLabelsApart) {
 }
 
 TEST(InitDist, MatchesTheKernelAndLeavesForbiddenPairsAtTheSentinel) {
-    test::RecordingClient<Pixel> client;
-    Engine engine(&client);
+    Engine engine;
     auto const a = test::random_image<Pixel>(30, 20, 1);
     auto const b = test::random_image<Pixel>(25, 22, 2);
     RecycledImage<offset_pixel_t> nnf;
     engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
-    RecycledImage<gray8_pixel_t> b_mask(b.dimensions());
-    boost::gil::fill_pixels(view(b_mask), gray8_pixel_t(0));
+    auto b_mask = test::byte_mask(b.dimensions(), 0);
     auto const forbidden = const_view(nnf)(4, 4);
     view(b_mask)(forbidden[0], forbidden[1]) = gray8_pixel_t(1);
 
@@ -187,12 +170,11 @@ TEST(InitDist, MatchesTheKernelAndLeavesForbiddenPairsAtTheSentinel) {
         }
 
     engine.patch_w = 5;
-    try {
-        engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: 5");
-    }
+    EXPECT_EQ(test::error_text([&] {
+                  engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr,
+                                   nullptr);
+              }),
+              "WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: 5");
     engine.patch_w = 7;
     RecycledImage<offset_pixel_t> small(Point(3, 3));
     EXPECT_THROW(engine.init_dist(const_view(a), const_view(b), view(small), dist, nullptr, nullptr,

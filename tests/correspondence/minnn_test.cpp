@@ -1,4 +1,5 @@
 #include "correspondence/recording_client.hpp"
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -14,8 +15,7 @@ namespace {
 template <class Compare>
 void check_minnn_keeps_the_better_match() {
     using Pixel = typename Compare::pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<Compare> engine(&client);
+    test::TestEngine<Compare> engine;
     auto const a = test::random_image<Pixel>(40, 32, 1);
     auto const b = test::random_image<Pixel>(44, 30, 2);
     if constexpr (is_gain_bias_compare_v<Compare>)
@@ -23,11 +23,8 @@ void check_minnn_keeps_the_better_match() {
                                               false, false, false, false);
     RecycledImage<offset_pixel_t> nnf, previous;
     RecycledImage<distance_pixel_t<Pixel>> dist, previous_dist;
-    engine.init_nnf(a.dimensions(), b.dimensions(), previous, nullptr, nullptr, nullptr);
-    engine.init_dist(const_view(a), const_view(b), view(previous), previous_dist, nullptr, nullptr,
-                     nullptr);
-    engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
-    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
+    engine.start(a, b, previous, previous_dist);
+    engine.start(a, b, nnf, dist);
     RecycledImage<distance_pixel_t<Pixel>> const before = dist;
 
     engine.nn_iters = 5;
@@ -59,36 +56,31 @@ TEST(Minnn, NeverMakesADistanceWorse) {
 
 TEST(Minnn, RestoresTheSearchBudgetAfterACancelledExtraSearch) {
     using Pixel = gray8_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    test::TestEngine<TranslatePatchCompare<Pixel>> engine;
     auto const a = test::random_image<Pixel>(30, 30, 3);
     auto const b = test::random_image<Pixel>(30, 30, 4);
     RecycledImage<offset_pixel_t> nnf;
     RecycledImage<int_gray_pixel_t> dist;
-    engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
-    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
-    RecycledImage<offset_pixel_t> const previous = nnf;
+    engine.start(a, b, nnf, dist);
+    RecycledImage<offset_pixel_t> previous = nnf;
     engine.nn_iters = 7;
     engine.rs_max = 99;
-    client.cancel = true;
-    EXPECT_THROW(minnn(engine, const_view(a), const_view(b), view(nnf), view(dist),
-                       view(const_cast<RecycledImage<offset_pixel_t>&>(previous)), nullptr, nullptr,
-                       0, 1, nullptr, nullptr, 2, 1),
+    engine.host.cancel = true;
+    EXPECT_THROW(minnn(engine, const_view(a), const_view(b), view(nnf), view(dist), view(previous),
+                       nullptr, nullptr, 0, 1, nullptr, nullptr, 2, 1),
                  Exception);
     EXPECT_EQ(engine.nn_iters, 7);
     EXPECT_EQ(engine.rs_max, 99);
     // The same field as before: the minimum step changed nothing.
-    EXPECT_EQ(client.progress.size(), 0u);
+    EXPECT_EQ(engine.host.progress.size(), 0u);
 }
 
 TEST(Minnn, LeavesPixelsWhosePreviousMatchIsOutOfRangeOrATie) {
     using Pixel = rgb8_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    test::TestEngine<TranslatePatchCompare<Pixel>> engine;
     auto const a = test::random_image<Pixel>(20, 20, 5);
-    RecycledImage<offset_pixel_t> nnf(a.dimensions()), previous(a.dimensions());
-    boost::gil::fill_pixels(view(nnf), offset_pixel_t(0, 0));
-    boost::gil::fill_pixels(view(previous), offset_pixel_t(14, 0));  // one column past the last
+    auto nnf = test::filled(a.dimensions(), offset_pixel_t(0, 0));
+    auto previous = test::filled(a.dimensions(), offset_pixel_t(14, 0));  // one past the last
     RecycledImage<int_gray_pixel_t> dist;
     engine.init_dist(const_view(a), const_view(a), view(nnf), dist, nullptr, nullptr, nullptr);
     RecycledImage<int_gray_pixel_t> const before = dist;

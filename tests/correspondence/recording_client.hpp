@@ -1,4 +1,5 @@
-// A ClientBase that records progress and can ask for cancellation.
+// A ClientBase that records progress and can ask for cancellation, a
+// correspondence object wired to one, and builders of label masks.
 #pragma once
 
 #include <weftmap/correspondence/weftmap.hpp>
@@ -38,5 +39,35 @@ public:
 private:
     long long saved_;
 };
+
+template <class Pixel>
+struct HostOf {
+    RecordingClient<Pixel> host;
+};
+
+// A correspondence object with its own recording client, `host`.
+template <class Compare>
+struct TestEngine : HostOf<typename Compare::pixel_t>, Weftmap<Compare> {
+    TestEngine() : Weftmap<Compare>(&this->host) {}
+
+    // A fresh random field from an a-sized target into b and its distances.
+    template <class Image, class Dist>
+    void start(Image const& a, Image const& b, RecycledImage<offset_pixel_t>& nnf, Dist& dist) {
+        this->init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
+        this->init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
+    }
+};
+
+// A label map of `size` with label(x, y) at every pixel, boxes for 7 x 7
+// patches.
+template <class Label>
+RegionMasks label_masks(Point const& size, Label const& label) {
+    RegionMasks masks;
+    masks.recreate(size);
+    for (int y = 0; y < size.y; ++y)
+        for (int x = 0; x < size.x; ++x) masks.view(x, y) = gray8_pixel_t(label(x, y));
+    masks.update_boxes(7);
+    return masks;
+}
 
 }  // namespace WM::test

@@ -1,4 +1,5 @@
 #include "correspondence/recording_client.hpp"
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -30,8 +31,7 @@ struct CropFixture {
     using Pixel = typename Compare::pixel_t;
     static constexpr int dx = 5, dy = 3;
 
-    CropFixture()
-        : source(test::random_image<Pixel>(70, 50, 11)), target(Point(50, 36)), engine(&client) {
+    CropFixture() : source(test::random_image<Pixel>(70, 50, 11)), target(Point(50, 36)) {
         boost::gil::copy_pixels(boost::gil::subimage_view(const_view(source), dx, dy, 50, 36),
                                 view(target));
         if constexpr (is_gain_bias_compare_v<Compare>)
@@ -39,11 +39,7 @@ struct CropFixture {
                                                   Point(0, 0), false, false, false, false, false);
     }
 
-    void init() {
-        engine.init_nnf(target.dimensions(), source.dimensions(), nnf, nullptr, nullptr, nullptr);
-        engine.init_dist(const_view(target), const_view(source), view(nnf), dist, nullptr, nullptr,
-                         nullptr);
-    }
+    void init() { engine.start(target, source, nnf, dist); }
     void search(int passes) {
         engine.nn_iters = passes;
         engine.search(const_view(target), const_view(source), view(nnf), view(dist), nullptr,
@@ -60,8 +56,7 @@ struct CropFixture {
     }
 
     RecycledImage<Pixel> source, target;
-    test::RecordingClient<Pixel> client;
-    Weftmap<Compare> engine;
+    test::TestEngine<Compare> engine;
     RecycledImage<offset_pixel_t> nnf;
     RecycledImage<distance_pixel_t<Pixel>> dist;
 };
@@ -103,14 +98,12 @@ TYPED_TEST(SearchTyped, OneBandIsReproducibleAndKernelsAgree) {
 TEST(Search, DistancesNeverIncreaseAndStayTrueToTheirMatches) {
     using Pixel = rgb16_pixel_t;
     using Compare = TranslatePatchCompare<Pixel>;
-    test::RecordingClient<Pixel> client;
-    Weftmap<Compare> engine(&client);
+    test::TestEngine<Compare> engine;
     auto const a = test::random_image<Pixel>(40, 30, 5);
     auto const b = test::random_image<Pixel>(35, 33, 6);
     RecycledImage<offset_pixel_t> nnf;
     RecycledImage<ll_gray_pixel_t> dist;
-    engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
-    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
+    engine.start(a, b, nnf, dist);
     engine.nn_iters = 1;
     for (int pass = 0; pass < 4; ++pass) {
         RecycledImage<ll_gray_pixel_t> const before = dist;
@@ -137,21 +130,14 @@ TEST(Search, GainBiasComparatorFindsTheCropToo) {
 
 TEST(Search, NeverChoosesForbiddenSourcesOrOtherRegions) {
     using Pixel = gray8_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    test::TestEngine<TranslatePatchCompare<Pixel>> engine;
     Point const size(48, 40);
     auto const a = test::random_image<Pixel>(size.x, size.y, 21);
     auto const b = test::random_image<Pixel>(size.x, size.y, 22);
 
-    RecycledImage<gray8_pixel_t> b_mask(size);
-    boost::gil::fill_pixels(view(b_mask), gray8_pixel_t(0));
-    for (int y = 0; y < size.y; ++y)
-        for (int x = 10; x < 20; ++x) view(b_mask)(x, y) = gray8_pixel_t(255);
-    RegionMasks regions;
-    regions.recreate(size);
-    for (int y = 0; y < size.y; ++y)
-        for (int x = 0; x < size.x; ++x) regions.view(x, y) = gray8_pixel_t(y < 20 ? 0 : 1);
-    regions.update_boxes(7);
+    auto b_mask = test::byte_mask(size, 0);
+    test::paint(view(b_mask), Box{10, 0, 20, 40}, gray8_pixel_t(255));
+    RegionMasks regions = test::label_masks(size, [](int, int y) { return y < 20 ? 0 : 1; });
 
     SampleRegions samples;
     samples.build(&view(b_mask), &regions, size.x - 6, size.y - 6);
@@ -177,16 +163,14 @@ TEST(Search, NeverChoosesForbiddenSourcesOrOtherRegions) {
 
 TEST(Search, StaysInsideTheSearchWindow) {
     using Pixel = rgb8_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    test::TestEngine<TranslatePatchCompare<Pixel>> engine;
     auto const a = test::random_image<Pixel>(50, 40, 31);
     auto const b = test::random_image<Pixel>(60, 45, 32);
     engine.half_search_window = 6;
     engine.current_scale = 1.5;  // a window of 9
     RecycledImage<offset_pixel_t> nnf;
     RecycledImage<int_gray_pixel_t> dist;
-    engine.init_nnf(a.dimensions(), b.dimensions(), nnf, nullptr, nullptr, nullptr);
-    engine.init_dist(const_view(a), const_view(b), view(nnf), dist, nullptr, nullptr, nullptr);
+    engine.start(a, b, nnf, dist);
     engine.nn_iters = 3;
     engine.search(const_view(a), const_view(b), view(nnf), view(dist), nullptr, nullptr, nullptr, 0,
                   0, 0, nullptr);
@@ -214,17 +198,12 @@ TEST(Search, CancellationLeavesAValidFieldAndProgressComesInOrder) {
     f.engine.progress_table = {0.25f, 0.5f, 0.75f};
     f.engine.progress_cursor = 0;
     f.search(5);
-    EXPECT_EQ(f.client.progress, (std::vector<float>{0.25f, 0.5f, 0.75f, 0.75f, 0.75f}));
-    EXPECT_GT(f.client.abort_polls.load(), 0);
+    EXPECT_EQ(f.engine.host.progress, (std::vector<float>{0.25f, 0.5f, 0.75f, 0.75f, 0.75f}));
+    EXPECT_GT(f.engine.host.abort_polls.load(), 0);
 
-    f.client.cancel = true;
+    f.engine.host.cancel = true;
     f.init();
-    try {
-        f.search(3);
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_USER_CANCELED");
-    }
+    EXPECT_EQ(test::error_text([&] { f.search(3); }), "WEFTMAP_USER_CANCELED");
     for (int y = 0; y <= 36 - 7; ++y)
         for (int x = 0; x <= 50 - 7; ++x) {
             auto const p = const_view(f.nnf)(x, y);
@@ -240,12 +219,8 @@ TEST(Search, RefusesASizeOtherThanSevenAndARadiusThatNeverShrinks) {
     EXPECT_THROW(f.search(1), Exception);
     f.engine.rs_ratio = 0.5;
     f.engine.patch_w = 9;
-    try {
-        f.search(1);
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: 9");
-    }
+    EXPECT_EQ(test::error_text([&] { f.search(1); }),
+              "WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: 9");
 }
 
 }  // namespace

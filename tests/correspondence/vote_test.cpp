@@ -1,8 +1,7 @@
 #include "correspondence/recording_client.hpp"
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
-
-#include <weftmap/correspondence/weftmap.hpp>
 
 #include "correspondence/vote_impl.hpp"
 
@@ -13,21 +12,26 @@
 #include <cmath>
 #include <random>
 
-#include <boost/gil/algorithm.hpp>
-
 namespace WM {
 namespace {
+
+using test::filled;
+template <class Pixel>
+using Engine = test::TestEngine<TranslatePatchCompare<Pixel>>;
 
 // A target mask that freezes the positions where no whole patch fits, as
 // the recomposer's masks do.
 RegionMasks patch_positions_mask(Point const& size) {
-    RegionMasks mask;
-    mask.recreate(size);
-    for (int y = 0; y < size.y; ++y)
-        for (int x = 0; x < size.x; ++x)
-            mask.view(x, y) = gray8_pixel_t(x > size.x - 7 || y > size.y - 7 ? 255 : 0);
-    mask.update_boxes(7);
-    return mask;
+    return test::label_masks(
+        size, [&](int x, int y) { return x > size.x - 7 || y > size.y - 7 ? 255 : 0; });
+}
+
+// A source of two 7 x 7 patches side by side, valued `left` and `right`.
+template <class Pixel>
+RecycledImage<Pixel> two_patches(int left, int right) {
+    auto b = filled(Point(14, 7), Pixel(left));
+    test::paint(view(b), Box{7, 0, 14, 7}, Pixel(right));
+    return b;
 }
 
 template <class Pixel>
@@ -36,42 +40,30 @@ TYPED_TEST_SUITE(VoteTyped, test::AllPixelTypes, test::PixelNames);
 
 TYPED_TEST(VoteTyped, OnePatchWithWeightOneReproducesTheSourcePatch) {
     using Pixel = TypeParam;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    Engine<Pixel> engine;
     auto const b = test::random_image<Pixel>(20, 15, 3);
-    RecycledImage<offset_pixel_t> nnf(Point(7, 7));
-    boost::gil::fill_pixels(view(nnf), offset_pixel_t(0, 0));
+    auto nnf = filled(Point(7, 7), offset_pixel_t(0, 0));
     view(nnf)(0, 0) = offset_pixel_t(9, 4);
-    auto const patch = boost::gil::subimage_view(const_view(b), 9, 4, 7, 7);
-
-    RecycledImage<Pixel> out(Point(7, 7));
+    auto const patch = gil::subimage_view(const_view(b), 9, 4, 7, 7);
     RegionMasks mask = patch_positions_mask(Point(7, 7));
-    engine.vote(const_view(b), view(nnf), view(out), nullptr, nullptr, nullptr, 0.5, 0.5, &mask,
-                nullptr, nullptr, nullptr, nullptr, false);
-    EXPECT_TRUE(boost::gil::equal_pixels(const_view(out), patch));
-
-    // The full accumulator with both fields: a completeness weight of 0
-    // leaves the coherence vote alone.
-    RecycledImage<offset_pixel_t> bnn(b.dimensions());
-    boost::gil::fill_pixels(view(bnn), offset_pixel_t(0, 0));
-    boost::gil::fill_pixels(view(out), Pixel());
-    engine.vote(const_view(b), view(nnf), view(out), &view(bnn), nullptr, nullptr, 0.5, 0.0, &mask,
-                nullptr, nullptr, nullptr, nullptr, false);
-    EXPECT_TRUE(boost::gil::equal_pixels(const_view(out), patch));
+    // Alone, and in the full accumulator with both fields, where a
+    // completeness weight of 0 leaves the coherence vote alone.
+    auto bnn = filled(b.dimensions(), offset_pixel_t(0, 0));
+    for (OffsetView const* both : {static_cast<OffsetView const*>(nullptr), &view(bnn)}) {
+        auto out = filled(Point(7, 7), Pixel());
+        engine.vote(const_view(b), view(nnf), view(out), both, nullptr, nullptr, 0.5,
+                    both ? 0.0 : 0.5, &mask, nullptr, nullptr, nullptr, nullptr, false);
+        EXPECT_TRUE(gil::equal_pixels(const_view(out), patch));
+    }
 }
 
 TEST(Vote, EqualVotesOfTenAndElevenRoundUpAndLimitsClamp) {
-    using Pixel = gray8_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
-    RecycledImage<Pixel> b(Point(14, 7));
-    boost::gil::fill_pixels(boost::gil::subimage_view(view(b), 0, 0, 7, 7), Pixel(10));
-    boost::gil::fill_pixels(boost::gil::subimage_view(view(b), 7, 0, 7, 7), Pixel(11));
+    Engine<gray8_pixel_t> engine;
+    auto const b = two_patches<gray8_pixel_t>(10, 11);
     // Patches (0, 0) and (1, 0) of an 8x7 target overlap on columns 1 to 6.
-    RecycledImage<offset_pixel_t> nnf(Point(8, 7));
-    boost::gil::fill_pixels(view(nnf), offset_pixel_t(0, 0));
+    auto nnf = filled(Point(8, 7), offset_pixel_t(0, 0));
     view(nnf)(1, 0) = offset_pixel_t(7, 0);
-    RecycledImage<Pixel> out(Point(8, 7));
+    RecycledImage<gray8_pixel_t> out(Point(8, 7));
     RegionMasks mask = patch_positions_mask(Point(8, 7));
     engine.vote(const_view(b), view(nnf), view(out), nullptr, nullptr, nullptr, 0.5, 0.5, &mask,
                 nullptr, nullptr, nullptr, nullptr, false);
@@ -88,31 +80,23 @@ TEST(Vote, EqualVotesOfTenAndElevenRoundUpAndLimitsClamp) {
 
 TEST(Vote, PixelsWithoutVotesKeepTheirValueOrTakeInit) {
     using Pixel = rgb8_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    Engine<Pixel> engine;
     auto const b = test::random_image<Pixel>(12, 12, 5);
     Point const size(16, 16);
     // Free patches (0, 0) and (5, 0); the second matches a masked source,
     // so pixels in columns 7 to 11 receive no vote.
-    RecycledImage<offset_pixel_t> nnf(size);
-    boost::gil::fill_pixels(view(nnf), offset_pixel_t(2, 2));
+    auto nnf = filled(size, offset_pixel_t(2, 2));
     view(nnf)(5, 0) = offset_pixel_t(4, 4);
-    RegionMasks mask;
-    mask.recreate(size);
-    boost::gil::fill_pixels(mask.view, gray8_pixel_t(255));
-    mask.view(0, 0) = mask.view(5, 0) = gray8_pixel_t(0);
-    mask.update_boxes(7);
-    RecycledImage<gray8_pixel_t> b_mask(b.dimensions());
-    boost::gil::fill_pixels(view(b_mask), gray8_pixel_t(255));
+    RegionMasks mask = test::label_masks(
+        size, [](int x, int y) { return (x == 0 || x == 5) && y == 0 ? 0 : 255; });
+    auto b_mask = test::byte_mask(b.dimensions(), 255);
     view(b_mask)(2, 2) = gray8_pixel_t(0);
-    RecycledImage<offset_pixel_t> bnn(b.dimensions());
-    boost::gil::fill_pixels(view(bnn), offset_pixel_t(0, 0));
+    auto bnn = filled(b.dimensions(), offset_pixel_t(0, 0));
     auto init = test::random_image<Pixel>(16, 16, 6);
     View<Pixel> const init_view = view(init);
     for (bool with_init : {false, true}) {
         for (bool both_fields : {false, true}) {
-            RecycledImage<Pixel> out(size);
-            boost::gil::fill_pixels(view(out), Pixel(1, 2, 3));
+            auto out = filled(size, Pixel(1, 2, 3));
             engine.vote(const_view(b), view(nnf), view(out), both_fields ? &view(bnn) : nullptr,
                         &view(b_mask), nullptr, 0.5, 0.5, &mask, nullptr,
                         with_init ? &init_view : nullptr, nullptr, nullptr, false);
@@ -171,8 +155,7 @@ RecycledImage<Pixel> reference_vote(ConstView<Pixel> const& b, ConstView<offset_
 
 TYPED_TEST(VoteTyped, LowMemoryVoteIsIndependentOfTheSplitAndMatchesAFullAccumulator) {
     using Pixel = TypeParam;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    Engine<Pixel> engine;
     Point const size(61, 23);  // narrow rows: many column tasks
     auto const b = test::random_image<Pixel>(40, 30, 7);
     std::mt19937 rng(8);
@@ -194,56 +177,48 @@ TYPED_TEST(VoteTyped, LowMemoryVoteIsIndependentOfTheSplitAndMatchesAFullAccumul
 
     auto const vote_with = [&](int threads) {
         tbb::global_control limit(tbb::global_control::max_allowed_parallelism, threads);
-        RecycledImage<Pixel> out(size);
-        boost::gil::copy_pixels(const_view(init), view(out));
+        RecycledImage<Pixel> out = init;
         engine.vote(const_view(b), view(nnf), view(out), nullptr, &view(b_mask), &b_weights, 0.5,
                     0.5, &mask, &a_weights, &init_view, nullptr, nullptr, false);
         return out;
     };
     auto const one = vote_with(1);
-    auto const two = vote_with(2);
-    EXPECT_TRUE(boost::gil::equal_pixels(const_view(one), const_view(two)));
+    EXPECT_TRUE(gil::equal_pixels(const_view(one), const_view(vote_with(2))));
     auto const expected = reference_vote<Pixel>(const_view(b), const_view(nnf), mask, a_weights,
                                                 b_weights, view(b_mask), const_view(init));
-    EXPECT_TRUE(boost::gil::equal_pixels(const_view(one), const_view(expected)));
+    EXPECT_TRUE(gil::equal_pixels(const_view(one), const_view(expected)));
 }
 
 TEST(Vote, ConstrainedMovesTheSourceMaskToTheCompletenessPass) {
     using Pixel = gray16_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    Engine<Pixel> engine;
     // Source: left patch 1000, right patch 3000; the right one is masked.
-    RecycledImage<Pixel> b(Point(14, 7));
-    boost::gil::fill_pixels(boost::gil::subimage_view(view(b), 0, 0, 7, 7), Pixel(1000));
-    boost::gil::fill_pixels(boost::gil::subimage_view(view(b), 7, 0, 7, 7), Pixel(3000));
-    RecycledImage<gray8_pixel_t> b_mask(b.dimensions());
-    boost::gil::fill_pixels(view(b_mask), gray8_pixel_t(255));
+    auto const b = two_patches<Pixel>(1000, 3000);
+    auto b_mask = test::byte_mask(b.dimensions(), 255);
     view(b_mask)(0, 0) = gray8_pixel_t(0);
     // The target patch matches the masked source patch (7, 0); the source
     // field sends the one free source patch (0, 0) onto the target.
-    RecycledImage<offset_pixel_t> nnf(Point(7, 7)), bnn(b.dimensions());
-    boost::gil::fill_pixels(view(nnf), offset_pixel_t(7, 0));
-    boost::gil::fill_pixels(view(bnn), offset_pixel_t(0, 0));
+    auto nnf = filled(Point(7, 7), offset_pixel_t(7, 0));
+    auto bnn = filled(b.dimensions(), offset_pixel_t(0, 0));
     RegionMasks mask = patch_positions_mask(Point(7, 7));
     RecycledImage<Pixel> out(Point(7, 7));
-
+    auto const vote = [&](bool constrained) {
+        engine.vote(const_view(b), view(nnf), view(out), &view(bnn), &view(b_mask), nullptr, 0.5,
+                    0.5, &mask, nullptr, nullptr, nullptr, nullptr, constrained);
+        return int(const_view(out)(3, 3));
+    };
     // Unconstrained: the coherence vote is dropped by the mask, only the
     // free source patch votes.
-    engine.vote(const_view(b), view(nnf), view(out), &view(bnn), &view(b_mask), nullptr, 0.5, 0.5,
-                &mask, nullptr, nullptr, nullptr, nullptr, false);
-    EXPECT_EQ(int(const_view(out)(3, 3)), 1000);
+    EXPECT_EQ(vote(false), 1000);
     // Constrained: the masked patch votes for coherence and both count
     // (coherence weight 0.5 over one patch, completeness 0.5 over 8 x 1).
-    engine.vote(const_view(b), view(nnf), view(out), &view(bnn), &view(b_mask), nullptr, 0.5, 0.5,
-                &mask, nullptr, nullptr, nullptr, nullptr, true);
     double const mean = (0.5 * 3000 + 0.5 / 8 * 1000) / (0.5 + 0.5 / 8);
-    EXPECT_EQ(int(const_view(out)(3, 3)), int(mean + 0.5));
+    EXPECT_EQ(vote(true), int(mean + 0.5));
 }
 
 TEST(Vote, CoherentWeightsCountDiagonalNeighboursThatContinueTheMatch) {
     using Pixel = gray8_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<TranslatePatchCompare<Pixel>> engine(&client);
+    Engine<Pixel> engine;
     engine.prefer_coherent = engine.allow_coherent = true;
     Point const size(12, 12);  // 6 x 6 patch positions
     auto const b = test::random_image<Pixel>(30, 30, 2);
@@ -252,8 +227,7 @@ TEST(Vote, CoherentWeightsCountDiagonalNeighboursThatContinueTheMatch) {
     for (int y = 0; y < 12; ++y)
         for (int x = 0; x < 12; ++x) view(nnf)(x, y) = offset_pixel_t(x + 10, y + 10);
     view(nnf)(4, 1) = offset_pixel_t(0, 0);
-    RecycledImage<weight_pixel_t> weight_data(size);
-    boost::gil::fill_pixels(view(weight_data), weight_pixel_t(2.0f));
+    auto weight_data = filled(size, weight_pixel_t(2.0f));
     WeightInsetView const a_weights(view(weight_data));
     RegionMasks mask = patch_positions_mask(size);
     RecycledImage<Pixel> out(size);
@@ -270,31 +244,22 @@ TEST(Vote, CoherentWeightsCountDiagonalNeighboursThatContinueTheMatch) {
 
 TEST(Vote, RefusesUnknownAlgorithmsAndGainBiasCompleteness) {
     using Pixel = rgb8_pixel_t;
-    test::RecordingClient<Pixel> client;
-    Weftmap<GainBiasPatchCompare<Pixel>> engine(&client);
+    test::TestEngine<GainBiasPatchCompare<Pixel>> engine;
     RecycledImage<Pixel> b(Point(10, 10)), out(Point(10, 10));
-    RecycledImage<offset_pixel_t> nnf(Point(10, 10));
-    boost::gil::fill_pixels(view(nnf), offset_pixel_t(0, 0));
+    auto nnf = filled(Point(10, 10), offset_pixel_t(0, 0));
     auto const vote = [&](OffsetView const* bnn) {
-        engine.vote(const_view(b), view(nnf), view(out), bnn, nullptr, nullptr, 0.5, 0.5, nullptr,
-                    nullptr, nullptr, nullptr, nullptr, false);
-    };
-    auto const message = [&](auto&& call) -> std::string {
-        try {
-            call();
-        } catch (Exception const& e) {
-            return static_cast<char const*>(e);
-        }
-        return "";
+        return test::error_text([&] {
+            engine.vote(const_view(b), view(nnf), view(out), bnn, nullptr, nullptr, 0.5, 0.5,
+                        nullptr, nullptr, nullptr, nullptr, nullptr, false);
+        });
     };
     engine.vote_algorithm = 1;
-    EXPECT_EQ(message([&] { vote(nullptr); }), "Centroid unsupported\n");
+    EXPECT_EQ(vote(nullptr), "Centroid unsupported\n");
     engine.vote_algorithm = 3;
-    EXPECT_EQ(message([&] { vote(nullptr); }),
-              "WEFTMAP_INVALID_PARAMETERS:Unknown voting algorithm: 3");
+    EXPECT_EQ(vote(nullptr), "WEFTMAP_INVALID_PARAMETERS:Unknown voting algorithm: 3");
     engine.vote_algorithm = 0;
     test::ScopedCapture capture;
-    EXPECT_EQ(message([&] { vote(&view(nnf)); }),
+    EXPECT_EQ(vote(&view(nnf)),
               "WEFTMAP_INTERNAL_ERROR: patch transform not implemented for completeness (vote_n)");
     EXPECT_EQ(capture.channel.written, "Not implemented: color transform for completeness\n");
 }

@@ -1,3 +1,5 @@
+#include "support/helpers.hpp"
+
 #include <weftmap/frame/exceptions.hpp>
 
 #include <gtest/gtest.h>
@@ -40,11 +42,10 @@ TEST(Exception, CatchingByBaseSlicesButKeepsTheText) {
 TEST(Exception, RaiseSelectsTheClassAndFormatsSixtyFourBitNumbers) {
     EXPECT_THROW(raise_as(ErrorClass::NotEnoughPatches, "WEFTMAP_HOLE_TOO_LARGE: x"),
                  ExceptionNotEnoughPatches);
-    try {
-        raise("WEFTMAP_INTERNAL_ERROR:size (%dx%d) %f", 70000000000LL, -1LL, 0.5);
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_INTERNAL_ERROR:size (70000000000x-1) 0.500000");
-    }
+    EXPECT_EQ(test::error_text([] {
+                  raise("WEFTMAP_INTERNAL_ERROR:size (%dx%d) %f", 70000000000LL, -1LL, 0.5);
+              }),
+              "WEFTMAP_INTERNAL_ERROR:size (70000000000x-1) 0.500000");
     EXPECT_THROW(raise("%d %d", 1), boost::io::too_few_args);
 }
 

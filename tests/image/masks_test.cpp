@@ -1,3 +1,4 @@
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -19,10 +20,10 @@ namespace {
 using Gray = RecycledImage<gray8_pixel_t>;
 using Ints = RecycledImage<int_gray_pixel_t>;
 
+using test::error_text;
+
 Gray gray_image(std::ptrdiff_t w, std::ptrdiff_t h, int value) {
-    Gray image(Point(w, h));
-    gil::fill_pixels(view(image), gray8_pixel_t(value));
-    return image;
+    return test::byte_mask(Point(w, h), value);
 }
 
 template <class Pixel>
@@ -74,38 +75,11 @@ TEST(CopyPixelsMasked, WorkedNumbersAndSizeChecks) {
 
     auto const a = gray_image(3, 2, 0);
     auto b = gray_image(2, 3, 0);
-    try {
-        copy_pixels_masked(const_view(a), view(b), const_view(a));
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e,
-                     "WEFTMAP_INTERNAL_ERROR:copy_pixels_masked: src size (3x2) != dst size (2x3)");
-    }
+    EXPECT_EQ(error_text([&] { copy_pixels_masked(const_view(a), view(b), const_view(a)); }),
+              "WEFTMAP_INTERNAL_ERROR:copy_pixels_masked: src size (3x2) != dst size (2x3)");
     auto c = gray_image(3, 2, 0);
-    try {
-        copy_pixels_masked(const_view(a), view(c), const_view(b));
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(
-            e, "WEFTMAP_INTERNAL_ERROR:copy_pixels_masked: src size (3x2) != hole size (2x3)");
-    }
-}
-
-// Brute force: the smallest city-block distance to a zero (a 255 pixel, or
-// the border when it counts), 10000 when there is none.
-std::vector<int> reference_dt(ConstGrayView const& bmp, bool zero_border) {
-    std::ptrdiff_t const w = bmp.width(), h = bmp.height();
-    std::vector<int> out(static_cast<std::size_t>(w * h), 10000);
-    for (std::ptrdiff_t y = 0; y < h; ++y)
-        for (std::ptrdiff_t x = 0; x < w; ++x)
-            for (std::ptrdiff_t v = 0; v < h; ++v)
-                for (std::ptrdiff_t u = 0; u < w; ++u) {
-                    bool const border = u == 0 || v == 0 || u == w - 1 || v == h - 1;
-                    if (bmp(u, v) == 255 || (zero_border && border))
-                        out[y * w + x] =
-                            std::min<int>(out[y * w + x], int(std::abs(u - x) + std::abs(v - y)));
-                }
-    return out;
+    EXPECT_EQ(error_text([&] { copy_pixels_masked(const_view(a), view(c), const_view(b)); }),
+              "WEFTMAP_INTERNAL_ERROR:copy_pixels_masked: src size (3x2) != hole size (2x3)");
 }
 
 TEST(DistanceTransform, MatchesBruteForceOnRandomMasks) {
@@ -119,13 +93,18 @@ TEST(DistanceTransform, MatchesBruteForceOnRandomMasks) {
                 view(bmp)(x, y) = gray8_pixel_t(rng() % 100 < density ? 255 : rng() % 255);
         Ints out(Point(w, h));
         for (bool const border : {false, true}) {
-            auto const expected = reference_dt(const_view(bmp), border);
+            // Brute force: the distance to the nearest zero, that is a 255
+            // pixel or the border when it counts, 10000 when there is none.
+            auto const zero = [&](int u, int v) {
+                bool const edge = u == 0 || v == 0 || u == w - 1 || v == h - 1;
+                return view(bmp)(u, v) == 255 || (border && edge);
+            };
             Gray const nonhole(Point(w, h));
             ConstGrayView const nonhole_view = const_view(nonhole);
             dt(const_view(bmp), view(out), round % 2 ? &nonhole_view : nullptr, border);
             for (int y = 0; y < h; ++y)
                 for (int x = 0; x < w; ++x)
-                    ASSERT_EQ(view(out)(x, y)[0], expected[y * w + x])
+                    ASSERT_EQ(view(out)(x, y)[0], test::city_block(w, h, x, y, zero, 10000))
                         << w << "x" << h << " at " << x << "," << y << " border " << border;
         }
     }
@@ -148,20 +127,13 @@ TEST(DistanceTransform, EdgeCasesAndSizeChecks) {
     dt(const_view(gray_image(1, 4, 0)), view(thin), nullptr, true);
     for (int y = 0; y < 4; ++y) EXPECT_EQ(view(thin)(0, y)[0], 0);
 
-    try {
-        dt(const_view(gray_image(5, 6, 0)), view(out), nullptr, false);
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_INTERNAL_ERROR:dt: outview size (6x5) != bmp size (5x6)");
-    }
+    EXPECT_EQ(error_text([&] { dt(const_view(gray_image(5, 6, 0)), view(out), nullptr, false); }),
+              "WEFTMAP_INTERNAL_ERROR:dt: outview size (6x5) != bmp size (5x6)");
     auto const other = gray_image(2, 2, 0);
     ConstGrayView const other_view = const_view(other);
-    try {
-        dt(const_view(gray_image(6, 5, 0)), view(out), &other_view, false);
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_INTERNAL_ERROR:dt: outview size (6x5) != nonhole_mask size (2x2)");
-    }
+    EXPECT_EQ(
+        error_text([&] { dt(const_view(gray_image(6, 5, 0)), view(out), &other_view, false); }),
+        "WEFTMAP_INTERNAL_ERROR:dt: outview size (6x5) != nonhole_mask size (2x2)");
 }
 
 TEST(BoxFilter, WorkedRow) {
@@ -213,14 +185,9 @@ TEST(BoxFilter, BothDirectionsMatchBruteForceAlsoInPlace) {
 TEST(BoxFilter, RefusesMismatchedViewsAndOversizedWindows) {
     Ints a(Point(4, 3)), b(Point(3, 4));
     for (auto filter : {&x_box_filter, &y_box_filter}) {
-        try {
-            filter(view(a), view(b), 2);
-            FAIL();
-        } catch (Exception const& e) {
-            EXPECT_STREQ(
-                e,
-                "WEFTMAP_INTERNAL_ERROR: x_box_filter: input and output have different dimensions");
-        }
+        EXPECT_EQ(
+            error_text([&] { filter(view(a), view(b), 2); }),
+            "WEFTMAP_INTERNAL_ERROR: x_box_filter: input and output have different dimensions");
         EXPECT_THROW(filter(view(a), view(a), -1), Exception);
     }
     EXPECT_THROW(x_box_filter(view(a), view(a), 5), Exception);

@@ -1,3 +1,4 @@
+#include "support/helpers.hpp"
 #include "support/test_client.hpp"
 
 #include <weftmap/image/memory.hpp>
@@ -10,11 +11,8 @@ namespace {
 
 using Limited = BaseLimitedByteMemoryAllocator;
 
-TEST(MemoryLimit, DefaultIsUnlimited) {
+TEST(MemoryLimit, UnlimitedByDefaultThenTheSumEqualToTheLimitPassesOneMoreByteThrows) {
     EXPECT_EQ(Limited::getLimit(), ~0ull);
-}
-
-TEST(MemoryLimit, SumEqualToTheLimitPassesOneMoreByteThrows) {
     test::ScopedMemoryLimit restore;
     auto const held = Limited::getCurrentAllocatedSize();
     Limited::setLimit(held + 1000);
@@ -24,12 +22,8 @@ TEST(MemoryLimit, SumEqualToTheLimitPassesOneMoreByteThrows) {
     EXPECT_EQ(test::client().allocator.maxSize(), 0u);
     allocator.deallocate(p, 1000);
     EXPECT_EQ(Limited::getCurrentAllocatedSize(), held);
-    try {
-        allocator.allocate(1001);
-        FAIL();
-    } catch (ExceptionMemoryLimit const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_MEMORY_LIMIT: limited_allocator has reached its m_limit");
-    }
+    EXPECT_EQ(test::error_text<ExceptionMemoryLimit>([&] { allocator.allocate(1001); }),
+              "WEFTMAP_MEMORY_LIMIT: limited_allocator has reached its m_limit");
     EXPECT_EQ(Limited::getCurrentAllocatedSize(), held);
 }
 

@@ -1,3 +1,4 @@
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -8,21 +9,19 @@
 
 #include <boost/gil/algorithm.hpp>
 
+#include <tuple>
+
 namespace WM {
 namespace {
 
 using Gray = RecycledImage<gray8_pixel_t>;
 
-TEST(RecycledImage, DefaultHoldsNothing) {
-    Gray image;
-    EXPECT_EQ(image.width(), 0);
-    EXPECT_EQ(image.height(), 0);
-    EXPECT_EQ(image.memory(), nullptr);
-    EXPECT_EQ(image.allocated_bytes(), 0u);
-    EXPECT_FALSE(image.locked);
-}
+TEST(RecycledImage, DefaultHoldsNothingAndRecreateReusesMemoryThatFits) {
+    Gray const empty;
+    EXPECT_EQ(std::make_tuple(empty.width(), empty.height(), empty.memory(),
+                              empty.allocated_bytes(), empty.locked),
+              std::make_tuple(0, 0, nullptr, 0u, false));
 
-TEST(RecycledImage, RecreateReusesMemoryThatFits) {
     Gray image(Point(10, 10));
     EXPECT_EQ(image.allocated_bytes(), 115u);
     unsigned char* memory = image.memory();
@@ -39,30 +38,23 @@ TEST(RecycledImage, RecreateReusesMemoryThatFits) {
     EXPECT_NE(image.allocated_bytes(), 115u);
 }
 
-TEST(RecycledImage, LockedImageShrinksButRefusesToGrow) {
+TEST(RecycledImage, LockedImageShrinksRefusesToGrowAndSwapsItsLock) {
     Gray image(Point(10, 10));
     image.lock();
     image.recreate(Point(5, 5));
     EXPECT_EQ(image.width(), 5);
-    try {
-        image.recreate(Point(101, 1));
-        FAIL();
-    } catch (locked_recycled_image_error const& e) {
-        EXPECT_STREQ(e.what(), "attempt to recreate a locked recycled_image");
-    }
+    EXPECT_EQ(test::error_text<locked_recycled_image_error>([&] { image.recreate(Point(101, 1)); }),
+              "attempt to recreate a locked recycled_image");
     EXPECT_EQ(image.width(), 5);
     EXPECT_EQ(image.allocated_bytes(), 115u);
     EXPECT_THROW(image.recreate(Point(-1, 3)), Exception);
-}
 
-TEST(RecycledImage, SwapCarriesTheLock) {
-    Gray a(Point(2, 2));
-    Gray b(Point(3, 3));
-    a.lock();
-    swap(a, b);
-    EXPECT_FALSE(a.locked);
-    EXPECT_TRUE(b.locked);
-    EXPECT_EQ(b.width(), 2);
+    // Swapping carries the lock along.
+    Gray other(Point(3, 3));
+    swap(image, other);
+    EXPECT_FALSE(image.locked);
+    EXPECT_TRUE(other.locked);
+    EXPECT_EQ(other.width(), 5);
 }
 
 TEST(RecycledImage, AssignmentCopiesPixelsAndFollowsTheLockRules) {

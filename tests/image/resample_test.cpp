@@ -1,3 +1,4 @@
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -9,80 +10,58 @@
 
 #include <cmath>
 #include <cstdint>
+#include <tuple>
 
 namespace WM {
 namespace {
 
-TEST(ResampleSize, ShortSideRule) {
-    long long w = -1, h = -1;
-    double scale = 0;
-    get_resample_size(Point(400, 300), 150, w, h, scale);
-    EXPECT_EQ(w, 200);
-    EXPECT_EQ(h, 150);
-    EXPECT_EQ(scale, 0.5);
-
-    w = h = -1;
-    get_resample_size(Point(300, 400), 150, w, h, scale);
-    EXPECT_EQ(w, 150);
-    EXPECT_EQ(h, 200);
-    EXPECT_EQ(scale, 0.5);
-
+TEST(ResampleSize, ShortSideRuleOrOneGivenSide) {
+    struct Case {
+        Point source;
+        int short_side;
+        long long w, h;  // given, -1 when not
+        long long want_w, want_h;
+        double want_scale;  // 7.0: left as it was
+    };
+    for (Case const c : {Case{Point(400, 300), 150, -1, -1, 200, 150, 0.5},
+                         Case{Point(300, 400), 150, -1, -1, 150, 200, 0.5},
+                         Case{Point(401, 301), -1, 100, -1, 100, 75, 100.0 / 401.0},
+                         Case{Point(400, 300), 0, -1, 150, 200, 150, 0.5},
+                         Case{Point(400, 300), -1, 10, 20, 10, 20, 7.0}}) {
+        long long w = c.w, h = c.h;
+        double scale = 7.0;
+        get_resample_size(c.source, c.short_side, w, h, scale);
+        EXPECT_EQ(std::make_tuple(w, h, scale), std::make_tuple(c.want_w, c.want_h, c.want_scale))
+            << c.source.x << "x" << c.source.y << " short side " << c.short_side;
+    }
     Point square(-1, -1);
+    double scale = 0;
     get_resample_size(Point(300, 300), 100, square, scale);
     EXPECT_EQ(square, Point(100, 100));
-}
-
-TEST(ResampleSize, OneGivenSide) {
-    long long w = 100, h = -1;
-    double scale = 0;
-    get_resample_size(Point(401, 301), -1, w, h, scale);
-    EXPECT_EQ(scale, 100.0 / 401.0);
-    EXPECT_EQ(h, 75);
-
-    w = -1;
-    h = 150;
-    get_resample_size(Point(400, 300), 0, w, h, scale);
-    EXPECT_EQ(w, 200);
-
-    // Both given: nothing changes, scale is left alone.
-    w = 10;
-    h = 20;
-    scale = 7.0;
-    get_resample_size(Point(400, 300), -1, w, h, scale);
-    EXPECT_EQ(w, 10);
-    EXPECT_EQ(h, 20);
-    EXPECT_EQ(scale, 7.0);
-}
-
-TEST(Resample, SameSizeIsAnExactCopyWhateverTheMode) {
-    auto const src = test::random_image<rgb16_pixel_t>(9, 5, 3);
-    RecycledImage<rgb16_pixel_t> dst;
-    resample_core(const_view(src), dst, 9, 5, static_cast<ResampleMode>(7));
-    EXPECT_TRUE(boost::gil::equal_pixels(const_view(dst), const_view(src)));
 }
 
 TEST(Resample, RefusesBadSizesAndFilters) {
     auto const src = test::random_image<gray8_pixel_t>(8, 8, 3);
     RecycledImage<gray8_pixel_t> dst(Point(2, 2));
-    try {
-        resample(const_view(src), dst, 0, 0, ResampleBilinear, -1);
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_INTERNAL_ERROR:resample(): Zero or negative dimension.\n");
-    }
+    EXPECT_EQ(test::error_text([&] { resample(const_view(src), dst, 0, 0, ResampleBilinear, -1); }),
+              "WEFTMAP_INTERNAL_ERROR:resample(): Zero or negative dimension.\n");
     EXPECT_EQ(dst.width(), 2);
-    try {
-        resample(const_view(src), dst, 4, 4, static_cast<ResampleMode>(7), -1);
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "WEFTMAP_INTERNAL_ERROR:resample(): Bad filter (7)");
-    }
+    EXPECT_EQ(test::error_text(
+                  [&] { resample(const_view(src), dst, 4, 4, static_cast<ResampleMode>(7), -1); }),
+              "WEFTMAP_INTERNAL_ERROR:resample(): Bad filter (7)");
     // A one-pixel-wide source has no pair of columns to blend.
     auto const thin = test::random_image<gray8_pixel_t>(1, 8, 3);
     EXPECT_THROW(resample(const_view(thin), dst, 4, 4, ResampleBilinear, -1), Exception);
 }
 
-TEST(Resample, HalvingARowBlendsPairs) {
+TEST(Resample, WorkedNumbersAndTheSameSizeCopy) {
+    // The same size is an exact copy, whatever the mode.
+    auto const same = test::random_image<rgb16_pixel_t>(9, 5, 3);
+    RecycledImage<rgb16_pixel_t> copy;
+    resample_core(const_view(same), copy, 9, 5, static_cast<ResampleMode>(7));
+    EXPECT_TRUE(boost::gil::equal_pixels(const_view(copy), const_view(same)));
+
+    // Halving a row blends pairs.
     RecycledImage<gray8_pixel_t> src(Point(4, 2));
     for (int y = 0; y < 2; ++y)
         for (int x = 0; x < 4; ++x) view(src)(x, y) = gray8_pixel_t(10 * (x + 1));
@@ -90,18 +69,14 @@ TEST(Resample, HalvingARowBlendsPairs) {
     resample(const_view(src), dst, 2, 1, ResampleBilinear, -1);
     EXPECT_EQ(int(view(dst)(0, 0)), 15);
     EXPECT_EQ(int(view(dst)(1, 0)), 35);
-}
 
-TEST(Resample, FloatEnlargingExtrapolatesAtTheLeftEdge) {
-    RecycledImage<gray32f_pixel_t> src(Point(2, 2));
-    for (int y = 0; y < 2; ++y) {
-        view(src)(0, y) = gray32f_pixel_t(0.25f);
-        view(src)(1, y) = gray32f_pixel_t(0.75f);
-    }
-    RecycledImage<gray32f_pixel_t> dst;
-    resample(const_view(src), dst, 4, 4, ResampleBilinear, -1);
+    // Enlarging a float image extrapolates at the left edge:
     // u = 2 * 0.5 / 4 - 0.5 = -0.25: truncation gives column 0, fraction -0.25.
-    EXPECT_FLOAT_EQ(channel_value(view(dst)(0, 0), 0), 0.5f * -0.25f + 0.25f);
+    auto floats = test::uniform<gray32f_pixel_t>(Point(2, 2), 0.25);
+    test::paint(view(floats), Box{1, 0, 2, 2}, gray32f_pixel_t(0.75f));
+    RecycledImage<gray32f_pixel_t> larger;
+    resample(const_view(floats), larger, 4, 4, ResampleBilinear, -1);
+    EXPECT_FLOAT_EQ(channel_value(view(larger)(0, 0), 0), 0.5f * -0.25f + 0.25f);
 }
 
 // An independent formulation: 64-bit arithmetic with explicit 32-bit wrapping.

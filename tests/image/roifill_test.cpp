@@ -1,3 +1,4 @@
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -20,19 +21,7 @@ namespace {
 using Gray = RecycledImage<gray8_pixel_t>;
 
 Gray gray_image(std::ptrdiff_t w, std::ptrdiff_t h, int value) {
-    Gray image(Point(w, h));
-    gil::fill_pixels(view(image), gray8_pixel_t(value));
-    return image;
-}
-
-template <class Pixel>
-RecycledImage<Pixel> uniform_image(std::ptrdiff_t w, std::ptrdiff_t h, double value) {
-    RecycledImage<Pixel> image(Point(w, h));
-    Pixel p;
-    for (int c = 0; c < num_channels_v<Pixel>; ++c)
-        set_channel(p, c, static_cast<channel_base_t<Pixel>>(value));
-    gil::fill_pixels(view(image), p);
-    return image;
+    return test::byte_mask(Point(w, h), value);
 }
 
 struct Limits {
@@ -41,6 +30,11 @@ struct Limits {
     double const* radius = nullptr;
     double const* angle = nullptr;
 };
+
+template <class Pixel>
+void fill(RecycledImage<Pixel>& in, Gray const& mask, RecycledImage<Pixel>& out, Limits l = {}) {
+    roifill(view(in), const_view(mask), view(out), l.box, l.source_mask, l.radius, l.angle);
+}
 
 // The fill written out plainly: rim pixels as coordinate pairs, the
 // contour order by an explicit stack, every sum in doubles.
@@ -163,7 +157,7 @@ TYPED_TEST(RoifillTyped, MatchesAStraightforwardComputation) {
         Limits const& l = cases[i];
         auto input = in;  // roifill takes a mutable view; it must not change it
         RecycledImage<Pixel> out(Point(w, h));
-        roifill(view(input), const_view(mask), view(out), l.box, l.source_mask, l.radius, l.angle);
+        fill(input, mask, out, l);
         auto const expected = reference_roifill<Pixel>(const_view(in), const_view(mask), l);
         EXPECT_TRUE(gil::equal_pixels(const_view(input), const_view(in)));
         for (int y = 0; y < h; ++y)
@@ -180,14 +174,14 @@ TYPED_TEST(RoifillTyped, MatchesAStraightforwardComputation) {
 TYPED_TEST(RoifillTyped, UniformImageStaysUniform) {
     using Pixel = TypeParam;
     double const value = is_float_pixel_v<Pixel> ? 0.625 : 100;
-    auto in = uniform_image<Pixel>(20, 15, value);
+    auto in = test::uniform<Pixel>(Point(20, 15), value);
     auto mask = gray_image(20, 15, 255);
     for (int y = 3; y < 11; ++y)
         for (int x = 4; x < 13 + y % 3; ++x) view(mask)(x, y) = gray8_pixel_t(0);
     RecycledImage<Pixel> out(Point(20, 15));
     double const radius = 1.0;
     for (double const* r : {static_cast<double const*>(nullptr), &radius}) {
-        roifill(view(in), const_view(mask), view(out), nullptr, nullptr, r, nullptr);
+        fill(in, mask, out, Limits{nullptr, nullptr, r});
         for (int y = 0; y < 15; ++y)
             for (int x = 0; x < 20; ++x)
                 for (int c = 0; c < num_channels_v<Pixel>; ++c) {
@@ -205,8 +199,7 @@ TYPED_TEST(RoifillTyped, NothingToFillFromLeavesTheCopy) {
     auto in = test::random_image<Pixel>(9, 8, 31);
     for (int value : {255, 0}) {
         auto out = test::random_image<Pixel>(9, 8, 32);
-        roifill(view(in), const_view(gray_image(9, 8, value)), view(out), nullptr, nullptr, nullptr,
-                nullptr);
+        fill(in, gray_image(9, 8, value), out);
         EXPECT_TRUE(gil::equal_pixels(const_view(out), const_view(in))) << value;
     }
 }
@@ -222,17 +215,16 @@ struct RowCase {
         for (int x = 5; x < 15; ++x) view(mask)(x, 0) = gray8_pixel_t(0);
     }
     int at(int x) const { return int(const_view(out)(x, 0)); }
+    void run(Limits const& limits = {}) { fill(image, mask, out, limits); }
 };
 
 TEST(Roifill, RadiusLimitFallsBackToTheFirstRimPixels) {
     RowCase row;
-    roifill(view(row.image), const_view(row.mask), view(row.out), nullptr, nullptr, nullptr,
-            nullptr);
+    row.run();
     EXPECT_EQ(row.at(5), int((10 * 1.0 + 200 / 100.0) / 1.01));  // both count fully
 
     double const radius = 2.0;  // d2 up to 8 counts
-    roifill(view(row.image), const_view(row.mask), view(row.out), nullptr, nullptr, &radius,
-            nullptr);
+    row.run(Limits{nullptr, nullptr, &radius});
     EXPECT_EQ(row.at(5), 10);  // the far side is skipped
     EXPECT_EQ(row.at(6), 10);
     // Out of reach of both: the two fall-back weights are equal.
@@ -251,17 +243,17 @@ TEST(Roifill, AngleLimitPrefersTheLine) {
     auto mask = gray_image(11, 11, 255);
     view(mask)(5, 5) = gray8_pixel_t(0);
     auto out = gray_image(11, 11, 0);
-    auto const fill = [&](double const* angle) {
-        roifill(view(image), const_view(mask), view(out), nullptr, nullptr, nullptr, angle);
+    auto const centre = [&](double const* angle) {
+        fill(image, mask, out, Limits{nullptr, nullptr, nullptr, angle});
         return int(view(out)(5, 5));
     };
-    EXPECT_EQ(fill(nullptr), 150);
+    EXPECT_EQ(centre(nullptr), 150);
     double const horizontal = 0.0, vertical = std::acos(-1.0) / 2, slanted = 0.1;
     // Contour order is up, right, down, left: the pixel above counts only as a
     // fall-back before the first full weight.
-    EXPECT_EQ(fill(&horizontal), int((200e-8 + 100 + 100) / (2 + 1e-8)));
-    EXPECT_EQ(fill(&vertical), 200);
-    EXPECT_EQ(fill(&slanted), int((200e-8 + 100 + 100) / (2 + 1e-8)));  // within 6 degrees
+    EXPECT_EQ(centre(&horizontal), int((200e-8 + 100 + 100) / (2 + 1e-8)));
+    EXPECT_EQ(centre(&vertical), 200);
+    EXPECT_EQ(centre(&slanted), int((200e-8 + 100 + 100) / (2 + 1e-8)));  // within 6 degrees
 }
 
 TEST(Roifill, PartialRimPixels) {
@@ -275,10 +267,7 @@ TEST(Roifill, PartialRimPixels) {
     view(mask)(5, 0) = gray8_pixel_t(0);
     view(mask)(6, 0) = gray8_pixel_t(200);
     auto out = gray_image(10, 1, 0);
-    auto const run = [&] {
-        roifill(view(image), const_view(mask), view(out), nullptr, nullptr, nullptr, nullptr);
-    };
-    run();
+    fill(image, mask, out);
     // Rim: columns 3, 6, 7.
     double const wsum5 = 1 / 4.0 + 1 + 1 / 4.0;
     EXPECT_EQ(int(view(out)(5, 0)), int((100 / 4.0 + 60 + 100 / 4.0) / wsum5));
@@ -291,10 +280,10 @@ TEST(Roifill, PartialRimPixels) {
 
     int const before = view(out)(5, 0);
     view(image)(4, 0) = gray8_pixel_t(0);  // not a source
-    run();
+    fill(image, mask, out);
     EXPECT_EQ(int(view(out)(5, 0)), before);
     view(image)(6, 0) = gray8_pixel_t(0);  // a source
-    run();
+    fill(image, mask, out);
     EXPECT_NE(int(view(out)(5, 0)), before);
 }
 
@@ -302,10 +291,7 @@ TEST(Roifill, SourceMaskWeighsOnlyTheWeightSum) {
     RowCase row;
     auto source = gray_image(20, 1, 255);
     ConstGrayView const source_view = const_view(source);
-    auto const run = [&] {
-        roifill(view(row.image), const_view(row.mask), view(row.out), nullptr, &source_view,
-                nullptr, nullptr);
-    };
+    auto const run = [&] { row.run(Limits{nullptr, &source_view}); };
     // Column 14: left rim at d2 100, right rim at d2 1 with its weight cut by
     // the source mask while its colour counts fully, which brightens.
     view(source)(15, 0) = gray8_pixel_t(204);
@@ -323,27 +309,16 @@ TEST(Roifill, SourceMaskWeighsOnlyTheWeightSum) {
 TEST(Roifill, RefusesMismatchedSizes) {
     auto a = gray_image(4, 3, 0);
     auto b = gray_image(3, 4, 0);
-    try {
-        roifill(view(a), const_view(a), view(b), nullptr, nullptr, nullptr, nullptr);
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "roifill_subsamples: in and out sizes must match");
-    }
-    try {
-        blackfill(view(a), const_view(a), view(b));
-        FAIL();
-    } catch (Exception const& e) {
-        EXPECT_STREQ(e, "roifill_subsamples: in and out sizes must match");
-    }
+    EXPECT_EQ(test::error_text([&] { fill(a, a, b); }),
+              "roifill_subsamples: in and out sizes must match");
+    EXPECT_EQ(test::error_text([&] { blackfill(view(a), const_view(a), view(b)); }),
+              "roifill_subsamples: in and out sizes must match");
     auto c = gray_image(4, 3, 0);
     ConstGrayView const wrong = const_view(b);
-    EXPECT_THROW(roifill(view(a), const_view(b), view(c), nullptr, nullptr, nullptr, nullptr),
-                 Exception);
-    EXPECT_THROW(roifill(view(a), const_view(a), view(c), nullptr, &wrong, nullptr, nullptr),
-                 Exception);
+    EXPECT_THROW(fill(a, b, c), Exception);
+    EXPECT_THROW(fill(a, a, c, Limits{nullptr, &wrong}), Exception);
     Box const outside{0, 0, 5, 3};
-    EXPECT_THROW(roifill(view(a), const_view(a), view(c), &outside, nullptr, nullptr, nullptr),
-                 Exception);
+    EXPECT_THROW(fill(a, a, c, Limits{&outside}), Exception);
     EXPECT_THROW(blackfill(view(a), const_view(b), false), Exception);
 }
 

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+#include <tuple>
+
 namespace WM {
 namespace {
 
@@ -14,172 +17,111 @@ using Pixel = rgb8_pixel_t;
 using Recomposer = WeftmapRecomposer<TranslatePatchCompare<Pixel>>;
 using Options = std::map<std::string, std::string>;
 
+// Configures `r` from an option map of blank-separated words "key=value",
+// or "key" alone for an empty value.
+void configure(Recomposer& r, std::string const& words) {
+    Options map;
+    std::istringstream in(words);
+    for (std::string word; in >> word;) {
+        auto const eq = word.find('=');
+        map[word.substr(0, eq)] = eq == std::string::npos ? "" : word.substr(eq + 1);
+    }
+    r.setParameters(map);
+}
+
 struct RecomposerTest : ::testing::Test {
     test::RecordingClient<Pixel> client;
 };
 
 TEST_F(RecomposerTest, PresetsOfTheModes) {
     Recomposer const plain(&client, RecomposerModeDefault);
-    EXPECT_EQ(plain.half_search_window, 0);
-    EXPECT_TRUE(plain.bidir);
-    EXPECT_EQ(plain.coarse_size, 35);
-    EXPECT_FALSE(plain.use_minnn);
-
+    EXPECT_EQ(
+        std::make_tuple(plain.half_search_window, plain.bidir, plain.coarse_size, plain.use_minnn),
+        std::make_tuple(0, true, 35, false));
     Recomposer const hole(&client, RecomposerModeHoleFill);
-    EXPECT_EQ(hole.half_search_window, -500);
-    EXPECT_TRUE(hole.allow_coherent);
-    EXPECT_FALSE(hole.bidir);
-    EXPECT_TRUE(hole.do_weight);
-    EXPECT_TRUE(hole.weigh_hole);
-    EXPECT_EQ(hole.last_upscale_step, 0.7);
-    EXPECT_EQ(hole.em_iters_max, 25);
-    EXPECT_EQ(hole.em_iters_step, 1.75);
-    EXPECT_EQ(hole.minnn_optr_rs_max, 3);
-    EXPECT_TRUE(hole.use_minnn);
-
+    EXPECT_EQ(
+        std::make_tuple(hole.half_search_window, hole.allow_coherent, hole.bidir, hole.do_weight,
+                        hole.weigh_hole, hole.last_upscale_step, hole.em_iters_max,
+                        hole.em_iters_step, hole.minnn_optr_rs_max, hole.use_minnn),
+        std::make_tuple(-500, true, false, true, true, 0.7, 25, 1.75, 3, true));
     Recomposer const tapestry(&client, RecomposerModeTapestry);
-    EXPECT_EQ(tapestry.half_search_window, 0);
-    EXPECT_TRUE(tapestry.allow_coherent);
-    EXPECT_TRUE(tapestry.bidir);
-    EXPECT_EQ(tapestry.em_iters_max, 10);
-    EXPECT_EQ(tapestry.last_upscale_step, 0.5);
-
-    Recomposer const keep(&client, RecomposerModeKeep);
-    EXPECT_EQ(keep.coarse_size, 35);
+    EXPECT_EQ(std::make_tuple(tapestry.half_search_window, tapestry.allow_coherent, tapestry.bidir,
+                              tapestry.em_iters_max, tapestry.last_upscale_step),
+              std::make_tuple(0, true, true, 10, 0.5));
+    EXPECT_EQ(Recomposer(&client, RecomposerModeKeep).coarse_size, 35);
 }
 
 TEST_F(RecomposerTest, FlagsActByPresenceAndThePositiveKeyWins) {
     Recomposer r(&client, RecomposerModeDefault);
-    Options none;
-    Options unknown{{"-bogus", "1"}};
-    r.setParameters(none);
-    r.setParameters(unknown);
+    configure(r, "");
+    configure(r, "-bogus=1");
     EXPECT_FALSE(r.allow_coherent);
 
-    Options both{{"-coherent", ""},          {"-no_coherent", ""},       {"-minnn", "0"},
-                 {"-no_minnn", ""},          {"-no_propagate", ""},      {"-do_propagate", "no"},
-                 {"-const_coarse_size", ""}, {"-generate_index_map", ""}};
-    r.setParameters(both);
-    EXPECT_TRUE(r.allow_coherent);
-    EXPECT_TRUE(r.use_minnn);
-    EXPECT_TRUE(r.do_propagate);
-    EXPECT_TRUE(r.const_coarse_size);
-    EXPECT_TRUE(r.generate_index_map);
+    configure(r,
+              "-coherent -no_coherent -minnn=0 -no_minnn -no_propagate "
+              "-do_propagate=no -const_coarse_size -generate_index_map");
+    EXPECT_EQ(std::make_tuple(r.allow_coherent, r.use_minnn, r.do_propagate, r.const_coarse_size,
+                              r.generate_index_map),
+              std::make_tuple(true, true, true, true, true));
 
-    Options off{{"-no_coherent", ""},
-                {"-no_minnn", ""},
-                {"-no_propagate", ""},
-                {"-no_hole_weight", ""},
-                {"-no_sim_weight", ""}};
     r.weigh_hole = r.weigh_similarity = true;
-    r.setParameters(off);
-    EXPECT_FALSE(r.allow_coherent);
-    EXPECT_FALSE(r.use_minnn);
-    EXPECT_FALSE(r.do_propagate);
-    EXPECT_FALSE(r.weigh_hole);
-    EXPECT_FALSE(r.weigh_similarity);
+    configure(r, "-no_coherent -no_minnn -no_propagate -no_hole_weight -no_sim_weight");
+    EXPECT_EQ(std::make_tuple(r.allow_coherent, r.use_minnn, r.do_propagate, r.weigh_hole,
+                              r.weigh_similarity),
+              std::make_tuple(false, false, false, false, false));
 }
 
 TEST_F(RecomposerTest, ValuesAreReadIntoTheFieldsType) {
     Recomposer r(&client, RecomposerModeDefault);
-    Options values{{"-patch_w", "9"},
-                   {"-nn_iters_max", "4"},
-                   {"-rs_max_max", "300"},
-                   {"-rs_min", "2"},
-                   {"-rs_ratio", "0.25"},
-                   {"-rs_iters", "1.5"},
-                   {"-last_upscale_step", "0.6"},
-                   {"-patch_w_refine", "7"},
-                   {"-coherence_w_refine", "0.2"},
-                   {"-complete_w_refine", "0.3"},
-                   {"-minnn_opt_levels", "5"},
-                   {"-minnn_optr_nn_iters", "6"},
-                   {"-minnn_optr_rs_max", "7"},
-                   {"-minnn_optp_nn_iters", "8"},
-                   {"-minnn_optp_rs_max", "9"},
-                   {"-bidir", "0"},
-                   {"-coarse_size", "40"},
-                   {"-min_hole_width", "1.25"},
-                   {"-pyramid_ratio", "0.8"},
-                   {"-coherence_weight", "0.7"},
-                   {"-complete_weight", "0.1"},
-                   {"-hole_gamma", "1.5"},
-                   {"-src_important_weight", "2.5"},
-                   {"-directional_roifill_angle", "0.5"},
-                   {"-upsample_mode", "1"}};
-    r.setParameters(values);
-    EXPECT_EQ(r.patch_w, 9);
-    EXPECT_EQ(r.nn_iters_max, 4);
-    EXPECT_EQ(r.rs_max_max, 300);
-    EXPECT_EQ(r.rs_min, 2);
-    EXPECT_EQ(r.rs_ratio, 0.25);
-    EXPECT_EQ(r.rs_iters, 1.5);
-    EXPECT_EQ(r.last_upscale_step, 0.6);
-    EXPECT_EQ(r.patch_w_refine, 7);
-    EXPECT_EQ(r.coherence_w_refine, 0.2);
-    EXPECT_EQ(r.complete_w_refine, 0.3);
-    EXPECT_EQ(r.minnn_opt_levels, 5);
-    EXPECT_EQ(r.minnn_optr_nn_iters, 6);
-    EXPECT_EQ(r.minnn_optr_rs_max, 7);
-    EXPECT_EQ(r.minnn_optp_nn_iters, 8);
-    EXPECT_EQ(r.minnn_optp_rs_max, 9);
-    EXPECT_FALSE(r.bidir);
-    EXPECT_EQ(r.coarse_size, 40);
-    EXPECT_EQ(r.min_hole_width, 1.25);
-    EXPECT_EQ(r.pyramid_ratio, 0.8);
-    EXPECT_EQ(r.coherence_weight, 0.7);
-    EXPECT_EQ(r.complete_weight, 0.1);
-    EXPECT_EQ(r.hole_gamma, 1.5);
-    EXPECT_EQ(r.src_important_wt, 2.5);
-    EXPECT_EQ(r.directional_roifill_angle, 0.5);
-    EXPECT_EQ(r.upsample_mode, 1);
+    configure(r,
+              "-patch_w=9 -nn_iters_max=4 -rs_max_max=300 -rs_min=2 -rs_ratio=0.25 -rs_iters=1.5 "
+              "-last_upscale_step=0.6 -patch_w_refine=7 -coherence_w_refine=0.2 "
+              "-complete_w_refine=0.3 -minnn_opt_levels=5 -minnn_optr_nn_iters=6 "
+              "-minnn_optr_rs_max=7 -minnn_optp_nn_iters=8 -minnn_optp_rs_max=9 -bidir=0 "
+              "-coarse_size=40 -min_hole_width=1.25 -pyramid_ratio=0.8 -coherence_weight=0.7 "
+              "-complete_weight=0.1 -hole_gamma=1.5 -src_important_weight=2.5 "
+              "-directional_roifill_angle=0.5 -upsample_mode=1");
+    EXPECT_EQ(std::make_tuple(r.patch_w, r.nn_iters_max, r.rs_max_max, r.rs_min, r.rs_ratio,
+                              r.rs_iters, r.last_upscale_step, r.patch_w_refine,
+                              r.coherence_w_refine, r.complete_w_refine, r.minnn_opt_levels,
+                              r.minnn_optr_nn_iters, r.minnn_optr_rs_max),
+              std::make_tuple(9, 4, 300, 2, 0.25, 1.5, 0.6, 7, 0.2, 0.3, 5, 6, 7));
+    EXPECT_EQ(std::make_tuple(r.minnn_optp_nn_iters, r.minnn_optp_rs_max, r.bidir, r.coarse_size,
+                              r.min_hole_width, r.pyramid_ratio, r.coherence_weight,
+                              r.complete_weight, r.hole_gamma, r.src_important_wt,
+                              r.directional_roifill_angle, r.upsample_mode),
+              std::make_tuple(8, 9, false, 40, 1.25, 0.8, 0.7, 0.1, 1.5, 2.5, 0.5, 1));
 
     // Unreadable values leave fields alone; a bool is a number.
-    Options bad{{"-coarse_size", "many"},
-                {"-rs_ratio", ""},
-                {"-bidir", "true"},
-                {"-hole_search_window", "x"},
-                {"-upsample_mode", "?"}};
-    r.setParameters(bad);
-    EXPECT_EQ(r.coarse_size, 40);
-    EXPECT_EQ(r.rs_ratio, 0.25);
-    EXPECT_FALSE(r.bidir);
-    EXPECT_EQ(r.half_search_window, 0);
-    EXPECT_EQ(r.upsample_mode, 1);
+    configure(r, "-coarse_size=many -rs_ratio= -bidir=true -hole_search_window=x -upsample_mode=?");
+    EXPECT_EQ(
+        std::make_tuple(r.coarse_size, r.rs_ratio, r.bidir, r.half_search_window, r.upsample_mode),
+        std::make_tuple(40, 0.25, false, 0, 1));
 }
 
 TEST_F(RecomposerTest, EmItersFillsFourFieldsAndSpecificKeysWin) {
     Recomposer r(&client, RecomposerModeDefault);
-    Options general{{"-em_iters", "8"}};
-    r.setParameters(general);
-    EXPECT_EQ(r.em_iters_gradres, 8);
-    EXPECT_EQ(r.em_iters_max, 8);
-    EXPECT_EQ(r.em_iters_min, 8);
-    EXPECT_EQ(r.em_iters_final, 8);
-    EXPECT_EQ(r.em_iters_step, 1.0);
-
-    Options mixed{{"-em_iters", "8"},         {"-em_iters_max", "12"}, {"-em_iters_step", "0.5"},
-                  {"-em_iters_gradres", "2"}, {"-em_iters_min", "1"},  {"-em_iters_final", "3"}};
-    r.setParameters(mixed);
-    EXPECT_EQ(r.em_iters_gradres, 2);
-    EXPECT_EQ(r.em_iters_max, 12);
-    EXPECT_EQ(r.em_iters_min, 1);
-    EXPECT_EQ(r.em_iters_final, 3);
-    EXPECT_EQ(r.em_iters_step, 0.5);
+    auto const em = [&] {
+        return std::make_tuple(r.em_iters_gradres, r.em_iters_max, r.em_iters_min, r.em_iters_final,
+                               r.em_iters_step);
+    };
+    configure(r, "-em_iters=8");
+    EXPECT_EQ(em(), std::make_tuple(8, 8, 8, 8, 1.0));
+    configure(r,
+              "-em_iters=8 -em_iters_max=12 -em_iters_step=0.5 "
+              "-em_iters_gradres=2 -em_iters_min=1 -em_iters_final=3");
+    EXPECT_EQ(em(), std::make_tuple(2, 12, 1, 3, 0.5));
 }
 
 TEST_F(RecomposerTest, HoleSearchWindowIsHalvedAndRandSeeds) {
     Recomposer r(&client, RecomposerModeDefault);
-    Options seven{{"-hole_search_window", "7"}};
-    r.setParameters(seven);
+    configure(r, "-hole_search_window=7");
     EXPECT_EQ(r.half_search_window, 3);
-    Options minus{{"-hole_search_window", "-7"}};
-    r.setParameters(minus);
+    configure(r, "-hole_search_window=-7");
     EXPECT_EQ(r.half_search_window, -3);
 
     RandomGenerator const saved = global_random();
-    Options one{{"-rand", "1"}};
-    r.setParameters(one);
+    configure(r, "-rand=1");
     RandomGenerator const from_option = global_random();
     seed_random(1);
     EXPECT_EQ(from_option.w, global_random().w);
@@ -197,18 +139,14 @@ TEST_F(RecomposerTest, AssignmentCopiesTheBlockButNotBuffersOrRunState) {
     Recomposer fresh(&other_client, RecomposerModeHoleFill);
     fresh.first_synthesis_level = 1;
     ran = fresh;
-    EXPECT_EQ(ran.half_search_window, -500);
-    EXPECT_FALSE(ran.bidir);
-    EXPECT_EQ(ran._target_buf.width(), 10);
-    EXPECT_EQ(ran.first_synthesis_level, 4);
-    EXPECT_EQ(ran.min_sample_patches, 9);
-    EXPECT_EQ(ran.current_hole_gamma, 2.0);
-    EXPECT_EQ(ran.client, &client);
+    EXPECT_EQ(std::make_tuple(ran.half_search_window, ran.bidir, ran._target_buf.width(),
+                              ran.first_synthesis_level, ran.min_sample_patches,
+                              ran.current_hole_gamma, ran.client),
+              std::make_tuple(-500, false, 10, 4, 9, 2.0, &client));
 
     Recomposer const copy(ran);
-    EXPECT_EQ(copy._target_buf.width(), 0);
-    EXPECT_EQ(copy.half_search_window, -500);
-    EXPECT_EQ(copy.client, &client);
+    EXPECT_EQ(std::make_tuple(copy._target_buf.width(), copy.half_search_window, copy.client),
+              std::make_tuple(0, -500, &client));
 }
 
 TEST_F(RecomposerTest, SerializePrintsTheDefaultBlockExactly) {

@@ -1,4 +1,5 @@
 #include "correspondence/recording_client.hpp"
+#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <tuple>
 
 namespace WM {
 namespace {
@@ -97,9 +99,11 @@ void check_fill_keeps_known_pixels() {
     EXPECT_TRUE(filled);
     // The gain/bias patch transform clamps to 255 whatever the channel, so
     // on 16-bit pictures it cannot reproduce the texture.
-    if (!is_gain_bias_compare_v<Compare> || !std::is_same_v<channel_base_t<Pixel>, unsigned short>)
+    if (!is_gain_bias_compare_v<Compare> ||
+        !std::is_same_v<channel_base_t<Pixel>, unsigned short>) {
         EXPECT_GT(psnr_in_hole<Pixel>(const_view(output), const_view(truth), const_view(hole)),
                   20.0);
+    }
 }
 
 template <class Pixel>
@@ -154,13 +158,10 @@ TEST(Synthesis, RetargetReturnsTheRequestedSizeAndKeepsARepeatedTexture) {
     // Its patches are found in the source far more closely than those of
     // a plain squeeze, which breaks the period.
     auto const patch_error = [&](RecycledImage<Pixel> const& image) {
-        test::RecordingClient<Pixel> quiet;
-        Weftmap<TranslatePatchCompare<Pixel>> matcher(&quiet);
+        test::TestEngine<TranslatePatchCompare<Pixel>> matcher;
         RecycledImage<offset_pixel_t> nnf;
         RecycledImage<ll_gray_pixel_t> dist;
-        matcher.init_nnf(image.dimensions(), source.dimensions(), nnf, nullptr, nullptr, nullptr);
-        matcher.init_dist(const_view(image), const_view(source), view(nnf), dist, nullptr, nullptr,
-                          nullptr);
+        matcher.start(image, source, nnf, dist);
         matcher.nn_iters = 6;
         matcher.search(const_view(image), const_view(source), view(nnf), view(dist), nullptr,
                        nullptr, nullptr, 0, 0, 0, nullptr);
@@ -194,18 +195,15 @@ TEST(Synthesis, CancellingRestoresTheRunParametersAndReleasesEverything) {
         auto hole = disc_hole(image.dimensions(), Point(30, 20), 6);
         std::vector<Constraint> constraints;
         RecycledImage<Pixel> output;
-        try {
-            recomposer.recompose(view(image), constraints, output, &view(hole), nullptr, nullptr,
-                                 nullptr, nullptr, nullptr, nullptr, nullptr);
-            FAIL();
-        } catch (Exception const& e) {
-            EXPECT_STREQ(e, "WEFTMAP_USER_CANCELED");
-        }
-        EXPECT_EQ(recomposer.nn_iters, 11);
-        EXPECT_EQ(recomposer.rs_max, 12);
-        EXPECT_EQ(recomposer.coherence_weight, 0.25);
-        EXPECT_EQ(recomposer.patch_w, 7);
-        EXPECT_FALSE(recomposer.prefer_coherent);
+        EXPECT_EQ(test::error_text([&] {
+                      recomposer.recompose(view(image), constraints, output, &view(hole), nullptr,
+                                           nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+                  }),
+                  "WEFTMAP_USER_CANCELED");
+        EXPECT_EQ(
+            std::make_tuple(recomposer.nn_iters, recomposer.rs_max, recomposer.coherence_weight,
+                            recomposer.patch_w, recomposer.prefer_coherent),
+            std::make_tuple(11, 12, 0.25, 7, false));
         EXPECT_GT(BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize(), baseline);
     }
     EXPECT_EQ(BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize(), baseline);

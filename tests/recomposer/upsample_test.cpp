@@ -1,3 +1,4 @@
+#include "correspondence/recording_client.hpp"
 #include "recomposer/recomposer_fixture.hpp"
 #include "support/test_client.hpp"
 
@@ -7,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 
 namespace WM {
@@ -27,16 +27,6 @@ Field translation_field(int side, int dx, int dy) {
             view(field)(x, y) = offset_pixel_t(static_cast<unsigned short>(std::min(x + dx, last)),
                                                static_cast<unsigned short>(std::min(y + dy, last)));
     return field;
-}
-
-// City-block distance from (x, y) to the nearest position of `marks` that
-// holds 255.
-int distance_to_direct(GrayView const& marks, int x, int y) {
-    int best = 1 << 30;
-    for (int yy = 0; yy < marks.height(); ++yy)
-        for (int xx = 0; xx < marks.width(); ++xx)
-            if (marks(xx, yy)[0] == 255) best = std::min(best, std::abs(xx - x) + std::abs(yy - y));
-    return best;
 }
 
 struct Upsample : ::testing::Test {
@@ -92,17 +82,20 @@ TEST_F(Upsample, TranslationStaysATranslationAtTheNewScale) {
 
 TEST_F(Upsample, MaskedCornersAreFilledByPassesWithFallingMarks) {
     Gray prev = byte_mask(Point(40, 40), 0);
-    for (int y = 15; y < 20; ++y)
-        for (int x = 15; x < 20; ++x) view(prev)(x, y)[0] = 255;
+    test::paint(view(prev), Box{15, 15, 20, 20}, gray8_pixel_t(255));
     GrayView const prev_view = view(prev);
     run(Point(80, 80), &prev_view);
     OffsetView const out = view(new_field);
+    // One pixel of growth per pass, the mark falling by one each time: the
+    // distance to the nearest direct entry.
+    auto const direct = [&](int x, int y) { return marks()(x, y)[0] == 255; };
     int filled = 0;
     for (int y = 0; y < 74; ++y)
         for (int x = 0; x < 74; ++x) {
             int const mark = marks()(x, y)[0];
-            // One pixel of growth per pass, the mark falling by one each time.
-            ASSERT_EQ(mark, 255 - distance_to_direct(marks(), x, y)) << x << "," << y;
+            ASSERT_EQ(mark, 255 - test::city_block(int(marks().width()), int(marks().height()), x,
+                                                   y, direct, 1 << 30))
+                << x << "," << y;
             filled += mark < 255;
         }
     EXPECT_GT(filled, 80);  // the block of about 10 x 10 and the far edges
@@ -131,8 +124,7 @@ TEST_F(Upsample, ForbiddenSourceCornerFallsBackToTheUnshiftedNeighbour) {
 TEST_F(Upsample, NothingMissingLeavesOnlyDirectEntries) {
     // Same size: every corner maps to itself and nothing is missing.
     Gray frozen = byte_mask(Point(40, 40), 0);
-    for (int y = 20; y < 30; ++y)
-        for (int x = 20; x < 30; ++x) view(frozen)(x, y)[0] = 1;
+    test::paint(view(frozen), Box{20, 20, 30, 30}, gray8_pixel_t(1));
     GrayView const frozen_view = view(frozen);
     test::ScopedCapture capture;
     run(Point(40, 40), nullptr, &frozen_view);
@@ -150,12 +142,9 @@ TEST_F(Upsample, NothingMissingLeavesOnlyDirectEntries) {
 }
 
 TEST_F(Upsample, RegionBoxLimitsTheWork) {
-    RegionMasks tmask;
-    tmask.recreate(Point(80, 80));
-    gil::fill_pixels(tmask.view, gray8_pixel_t(255));
-    for (int y = 20; y < 30; ++y)
-        for (int x = 10; x < 40; ++x) tmask.view(x, y)[0] = 0;
-    tmask.update_boxes(7);
+    RegionMasks tmask = test::label_masks(Point(80, 80), [](int x, int y) {
+        return x >= 10 && x < 40 && y >= 20 && y < 30 ? 0 : 255;
+    });
     run(Point(80, 80), nullptr, &tmask.view, nullptr, &tmask);
     EXPECT_EQ(marks().dimensions(), Point(30, 10));
     EXPECT_EQ(view(new_field)(9, 25), offset_pixel_t(0, 0));

@@ -26,13 +26,19 @@ namespace {
 namespace gil = boost::gil;
 using weftmap_tool::FileImage;
 
+// The largest value of a channel of Pixel: 1.0 for float channels.
+template <class Pixel>
+double channel_top() {
+    using Channel = WM::channel_base_t<Pixel>;
+    return std::is_floating_point_v<Channel> ? 1.0 : double(std::numeric_limits<Channel>::max());
+}
+
 // A periodic texture with periods of 9 and 13 pixels, different per channel,
 // so that a fill can be judged against the original.
 template <class Pixel>
 FileImage<Pixel> texture(std::ptrdiff_t width, std::ptrdiff_t height) {
     using Channel = WM::channel_base_t<Pixel>;
-    double const top =
-        std::is_floating_point_v<Channel> ? 1.0 : double(std::numeric_limits<Channel>::max());
+    double const top = channel_top<Pixel>();
     FileImage<Pixel> image(width, height);
     auto const v = gil::view(image);
     for (std::ptrdiff_t y = 0; y < height; ++y)
@@ -170,64 +176,66 @@ int info(std::string const& path) {
     return 0;
 }
 
+// Calls f(a, b) with views of the two files when both hold the same pixel
+// type, and fails otherwise.
+template <class F>
+int with_pair(std::string const& a_path, std::string const& b_path, F const& f) {
+    auto const a = weftmap_tool::read_image_file(a_path);
+    auto const b = weftmap_tool::read_image_file(b_path);
+    if (a.image.index() != b.image.index()) {
+        std::cout << "pixel types differ\n";
+        return 1;
+    }
+    return std::visit(
+        [&](auto const& image) {
+            using Image = std::decay_t<decltype(image)>;
+            return f(gil::const_view(image), gil::const_view(std::get<Image>(b.image)));
+        },
+        a.image);
+}
+
 // Outside the mask the output must equal the input exactly (lossless
 // formats); inside, its PSNR against the input (the texture before the
 // hole) must reach `min_psnr`.
 int check_fill(std::string const& input_path, std::string const& mask_path,
                std::string const& output_path, bool lossy, double min_psnr) {
-    auto const input = weftmap_tool::read_image_file(input_path);
-    auto const output = weftmap_tool::read_image_file(output_path);
     auto const mask = weftmap_tool::read_mask_file(mask_path);
-    if (input.image.index() != output.image.index()) {
-        std::cout << "pixel types differ\n";
-        return 1;
-    }
-    return std::visit(
-        [&](auto const& in) {
-            using Image = std::decay_t<decltype(in)>;
-            using Pixel = typename Image::value_type;
-            using Channel = WM::channel_base_t<Pixel>;
-            double const top = std::is_floating_point_v<Channel>
-                                   ? 1.0
-                                   : double(std::numeric_limits<Channel>::max());
-            auto const a = gil::const_view(in);
-            auto const b = gil::const_view(std::get<Image>(output.image));
-            auto const m = gil::const_view(mask);
-            if (a.dimensions() != b.dimensions()) {
-                std::cout << "sizes differ\n";
-                return 1;
-            }
-            long changed_outside = 0, hole = 0;
-            double sum = 0;
-            for (std::ptrdiff_t y = 0; y < a.height(); ++y)
-                for (std::ptrdiff_t x = 0; x < a.width(); ++x) {
-                    if (m(x, y)[0] == 0) {
-                        changed_outside += a(x, y) != b(x, y);
-                        continue;
-                    }
-                    ++hole;
-                    for (int c = 0; c < WM::num_channels_v<Pixel>; ++c) {
-                        double const d = double(WM::channel_value(a(x, y), c)) -
-                                         double(WM::channel_value(b(x, y), c));
-                        sum += d * d;
-                    }
+    return with_pair(input_path, output_path, [&](auto const& a, auto const& b) {
+        using Pixel = typename std::decay_t<decltype(a)>::value_type;
+        double const top = channel_top<Pixel>();
+        auto const m = gil::const_view(mask);
+        if (a.dimensions() != b.dimensions()) {
+            std::cout << "sizes differ\n";
+            return 1;
+        }
+        long changed_outside = 0, hole = 0;
+        double sum = 0;
+        for (std::ptrdiff_t y = 0; y < a.height(); ++y)
+            for (std::ptrdiff_t x = 0; x < a.width(); ++x) {
+                if (m(x, y)[0] == 0) {
+                    changed_outside += a(x, y) != b(x, y);
+                    continue;
                 }
-            double const mse = sum / std::max(1L, hole * WM::num_channels_v<Pixel>);
-            double const psnr = mse == 0 ? 99.0 : 10 * std::log10(top * top / mse);
-            std::cout << "changed outside the hole: " << changed_outside
-                      << ", PSNR in the hole: " << psnr << " dB\n";
-            return (lossy || changed_outside == 0) && psnr >= min_psnr ? 0 : 1;
-        },
-        input.image);
+                ++hole;
+                for (int c = 0; c < WM::num_channels_v<Pixel>; ++c) {
+                    double const d = double(WM::channel_value(a(x, y), c)) -
+                                     double(WM::channel_value(b(x, y), c));
+                    sum += d * d;
+                }
+            }
+        double const mse = sum / std::max(1L, hole * WM::num_channels_v<Pixel>);
+        double const psnr = mse == 0 ? 99.0 : 10 * std::log10(top * top / mse);
+        std::cout << "changed outside the hole: " << changed_outside
+                  << ", PSNR in the hole: " << psnr << " dB\n";
+        return (lossy || changed_outside == 0) && psnr >= min_psnr ? 0 : 1;
+    });
 }
 
 // Per channel mean and spread of a picture, channels scaled to [0, 1].
 template <class View>
 std::vector<std::pair<double, double>> channel_stats(View const& v) {
     using Pixel = typename View::value_type;
-    using Channel = WM::channel_base_t<Pixel>;
-    double const top =
-        std::is_floating_point_v<Channel> ? 1.0 : double(std::numeric_limits<Channel>::max());
+    double const top = channel_top<Pixel>();
     std::vector<std::pair<double, double>> stats;
     double const n = double(v.width() * v.height());
     for (int c = 0; c < WM::num_channels_v<Pixel>; ++c) {
@@ -247,41 +255,22 @@ std::vector<std::pair<double, double>> channel_stats(View const& v) {
 // A retargeted texture keeps the colours and the contrast of its source:
 // per channel the means agree within 0.1 and the spread keeps half.
 int check_retarget(std::string const& input_path, std::string const& output_path) {
-    auto const input = weftmap_tool::read_image_file(input_path);
-    auto const output = weftmap_tool::read_image_file(output_path);
-    if (input.image.index() != output.image.index()) {
-        std::cout << "pixel types differ\n";
-        return 1;
-    }
-    return std::visit(
-        [&](auto const& in) {
-            using Image = std::decay_t<decltype(in)>;
-            auto const a = channel_stats(gil::const_view(in));
-            auto const b = channel_stats(gil::const_view(std::get<Image>(output.image)));
-            bool ok = true;
-            for (std::size_t c = 0; c < a.size(); ++c) {
-                std::cout << "channel " << c << ": mean " << a[c].first << " -> " << b[c].first
-                          << ", spread " << a[c].second << " -> " << b[c].second << "\n";
-                ok = ok && std::abs(a[c].first - b[c].first) < 0.1 &&
-                     b[c].second > 0.5 * a[c].second;
-            }
-            return ok ? 0 : 1;
-        },
-        input.image);
+    return with_pair(input_path, output_path, [](auto const& in, auto const& out) {
+        auto const a = channel_stats(in);
+        auto const b = channel_stats(out);
+        bool ok = true;
+        for (std::size_t c = 0; c < a.size(); ++c) {
+            std::cout << "channel " << c << ": mean " << a[c].first << " -> " << b[c].first
+                      << ", spread " << a[c].second << " -> " << b[c].second << "\n";
+            ok = ok && std::abs(a[c].first - b[c].first) < 0.1 && b[c].second > 0.5 * a[c].second;
+        }
+        return ok ? 0 : 1;
+    });
 }
 
 int same(std::string const& a_path, std::string const& b_path) {
-    auto const a = weftmap_tool::read_image_file(a_path);
-    auto const b = weftmap_tool::read_image_file(b_path);
-    if (a.image.index() != b.image.index()) return 1;
-    return std::visit(
-        [&](auto const& image) {
-            using Image = std::decay_t<decltype(image)>;
-            bool const equal = gil::equal_pixels(gil::const_view(image),
-                                                 gil::const_view(std::get<Image>(b.image)));
-            return equal ? 0 : 1;
-        },
-        a.image);
+    return with_pair(a_path, b_path,
+                     [](auto const& a, auto const& b) { return gil::equal_pixels(a, b) ? 0 : 1; });
 }
 
 }  // namespace
