@@ -1,23 +1,14 @@
 #include "correspondence/recording_client.hpp"
 #include "support/helpers.hpp"
 #include "support/random_image.hpp"
-#include "support/test_client.hpp"
 
 #include "correspondence/patch_kernels.hpp"
 
-#include <weftmap/correspondence/patch_compare.hpp>
-#include <weftmap/frame/exceptions.hpp>
-
 #include <gtest/gtest.h>
-
-#include <boost/gil/algorithm.hpp>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <tuple>
+#include <random>
 
 namespace WM {
 namespace {
@@ -26,19 +17,12 @@ template <class Pixel>
 class GainBias : public ::testing::Test {};
 TYPED_TEST_SUITE(GainBias, test::AllPixelTypes, test::PixelNames);
 
-template <class T>
-std::uint64_t bits(T v) {
-    std::conditional_t<sizeof(T) == 8, std::uint64_t, std::uint32_t> b;
-    std::memcpy(&b, &v, sizeof b);
-    return b;
-}
-
 template <class Pixel>
 void prepare(GainBiasPatchCompare<Pixel>& compare, RecycledImage<Pixel> const& a,
-             RecycledImage<Pixel> const& b, RegionMasks* mask = nullptr) {
+             RecycledImage<Pixel> const& b) {
     compare.preallocate_buffers(a.dimensions(), b.dimensions(), Point(0, 0), false, false, false,
                                 false, false);
-    compare.set_timage(const_view(a), 7, mask);
+    compare.set_timage(const_view(a), 7, nullptr);
     compare.set_simage(const_view(b), 7);
 }
 
@@ -51,69 +35,6 @@ RecycledImage<Pixel> checker(int even, int odd) {
     for (int y = 0; y < 7; ++y)
         for (int x = 0; x < 7; ++x) view(image)(x, y) = Pixel((x + y) % 2 == 0 ? even : odd);
     return image;
-}
-
-// Mean and deviation of the first patch of a gray image.
-template <class Pixel>
-std::pair<double, double> mu_sigma(RecycledImage<Pixel> const& image) {
-    GainBiasPatchCompare<Pixel> compare;
-    RecycledImage<Pixel> mean;
-    RecycledImage<deviation_pixel_t<Pixel>> deviation;
-    compare.calc_mu_sigma(const_view(image), mean, deviation, 7, nullptr);
-    return {double(view(mean)(0, 0)[0]), view(deviation)(0, 0)[0]};
-}
-
-TEST(GainBiasState, DefaultsAndFlags) {
-    GainBiasPatchCompare<rgb8_pixel_t> compare;
-    EXPECT_EQ(
-        std::make_tuple(bits(compare.min_gain), bits(compare.max_gain), bits(compare.min_bias),
-                        bits(compare.max_bias), compare.bias_scale, compare.gain_scale),
-        std::make_tuple(0x3feccccccccccccdu, 0x3ff4cccccccccccdu, 0u, 0u, 256.0, 256.0));
-    EXPECT_EQ(
-        std::make_tuple(compare.is_set(), compare.needs_transform(), compare.can_propagate_fast()),
-        std::make_tuple(false, true, false));
-    TranslatePatchCompare<rgb8_pixel_t> translate;
-    EXPECT_EQ(std::make_tuple(translate.is_set(), translate.needs_transform(),
-                              translate.can_propagate_fast()),
-              std::make_tuple(true, false, true));
-    EXPECT_EQ(bits(distance_traits<rgb32f_pixel_t>::sentinel), 0x7f7fffffu);
-
-    auto const a = test::random_image<rgb8_pixel_t>(9, 9, 1);
-    prepare(compare, a, a);
-    EXPECT_TRUE(compare.is_set());
-    compare.unset_simage();
-    EXPECT_FALSE(compare.is_set());
-}
-
-TEST(GainBiasState, SettersRequirePreallocation) {
-    GainBiasPatchCompare<gray8_pixel_t> compare;
-    auto const a = test::random_image<gray8_pixel_t>(9, 9, 1);
-    auto expect_refused = [&](auto&& call) {
-        test::ScopedCapture capture;
-        EXPECT_EQ(test::error_text(call), "WEFTMAP_INTERNAL_ERROR: gain bias prealloc not called");
-        EXPECT_EQ(capture.channel.written, "Error: is_prealloc is false\n");
-    };
-    expect_refused([&] { compare.set_timage(const_view(a), 7, nullptr); });
-    expect_refused([&] { compare.set_simage(const_view(a), 7); });
-    EXPECT_FALSE(compare.is_set());
-
-    // Preallocation locks the maps at the larger size; released again, the
-    // setters refuse once more.
-    compare.preallocate_buffers(Point(12, 9), Point(9, 14), Point(99, 99), true, true, true, true,
-                                true);
-    EXPECT_TRUE(compare.target_deviation.locked);
-    auto const* memory = compare.target_mean.memory();
-    compare.set_timage(const_view(a), 7, nullptr);
-    EXPECT_EQ(compare.target_mean.memory(), memory);
-    auto const large = test::random_image<gray8_pixel_t>(13, 14, 2);
-    EXPECT_THROW(compare.set_simage(const_view(large), 7), locked_recycled_image_error);
-    auto const fits = test::random_image<gray8_pixel_t>(12, 14, 2);
-    compare.set_simage(const_view(fits), 7);
-
-    compare.deallocate_buffers();
-    EXPECT_EQ(compare.source_deviation.allocated_bytes(), 0u);
-    EXPECT_FALSE(compare.source_deviation.locked);
-    expect_refused([&] { compare.set_timage(const_view(a), 7, nullptr); });
 }
 
 TYPED_TEST(GainBias, MuSigmaMatchesStraightforwardSumsInsideTheBox) {
@@ -157,17 +78,15 @@ TYPED_TEST(GainBias, MuSigmaMatchesStraightforwardSumsInsideTheBox) {
             }
 }
 
-TEST(GainBiasMuSigma, WorkedCheckerAndFlatPatch) {
-    // 25 pixels of 255 and 24 of 0: mean 130.10 stored as 130, deviation
-    // sqrt(33176.02 - 130.10^2) = 127.4734.
-    auto const board = mu_sigma(checker<gray8_pixel_t>(255, 0));
-    EXPECT_EQ(board.first, 130);
-    EXPECT_NEAR(board.second, 127.4734458, 1e-6);
-
-    // A flat float patch keeps the 0.5 in its mean, and has deviation 0.
-    auto const flat = mu_sigma(uniform<gray32f_pixel_t>(Point(7, 7), 0.25));
-    EXPECT_EQ(float(flat.first), 0.75f);
-    EXPECT_EQ(flat.second, 0.0);
+// 25 pixels of 255 and 24 of 0: mean 130.10 stored as 130, deviation
+// sqrt(33176.02 - 130.10^2) = 127.4734.
+TEST(GainBiasMuSigma, WorkedChecker) {
+    GainBiasPatchCompare<gray8_pixel_t> compare;
+    RecycledImage<gray8_pixel_t> mean;
+    RecycledImage<deviation_pixel_t<gray8_pixel_t>> deviation;
+    compare.calc_mu_sigma(const_view(checker<gray8_pixel_t>(255, 0)), mean, deviation, 7, nullptr);
+    EXPECT_EQ(int(view(mean)(0, 0)[0]), 130);
+    EXPECT_NEAR(view(deviation)(0, 0)[0], 127.4734458, 1e-6);
 }
 
 // Target flat at 100 against a source of alternating 0 and 200: the gain 0
@@ -185,17 +104,10 @@ TEST(GainBiasDistance, WorkedClampToMinimumGain) {
     int d = 0;
     gain_bias_distance(compare, const_view(target), const_view(source), 0, 0, 0, 0, d);
     EXPECT_EQ(d, 392604);
-    gain_bias_distance_bounded(compare, const_view(target), const_view(source), 0, 0, 0, 0, 392604,
-                               d);
-    EXPECT_EQ(d, 392604);
-    gain_bias_distance_bounded(compare, const_view(target), const_view(source), 0, 0, 0, 0, 392603,
-                               d);
-    EXPECT_EQ(d, 0x7fffffff);
 }
 
 TEST(GainBiasDistance, ClampToMaximumGainAndTransform) {
-    // Textured target, faintly textured source: the gain clamps to 1.3, and
-    // the stretched source goes below 0 where it is dark.
+    // Textured target, faintly textured source: the gain clamps to 1.3.
     auto const target = checker<gray16_pixel_t>(0, 200);
     auto const source = checker<gray16_pixel_t>(90, 110);
     GainBiasPatchCompare<gray16_pixel_t> compare;
@@ -207,12 +119,10 @@ TEST(GainBiasDistance, ClampToMaximumGainAndTransform) {
 
     RecycledImage<gray16_pixel_t> out(Point(7, 7));
     compare.patch_transform(const_view(source), 0, 0, 0, 0, view(out));
-    for (int y = 0; y < 7; ++y)
-        for (int x = 0; x < 7; ++x) {
-            double const s = const_view(source)(x, y)[0];
-            double const v = s * double(gb.g) * 0.00390625 + double(gb.o);
-            EXPECT_EQ(int(view(out)(x, y)[0]), int(std::clamp(v, 0.0, 255.0)));
-        }
+    for (int i = 0; i < 2; ++i) {  // 90 and 110
+        double const v = (90 + 20 * i) * double(gb.g) * 0.00390625 + double(gb.o);
+        EXPECT_EQ(int(view(out)(i, 0)[0]), int(std::clamp(v, 0.0, 255.0)));
+    }
 
     // A bright 16-bit source is cut at 255 whatever its depth.
     auto const bright = uniform<gray16_pixel_t>(Point(7, 7), 1000);
@@ -233,11 +143,10 @@ TYPED_TEST(GainBias, FlatSourceIsThePlainDistance) {
     auto const source = uniform<Pixel>(Point(7, 7), level);
     GainBiasPatchCompare<Pixel> compare;
     prepare(compare, target, source);
-    for (int c = 0; c < num_channels_v<Pixel>; ++c) {
-        auto const gb = compare.gain_bias(0, 0, 0, 0, c);
-        EXPECT_EQ(gb.g, 256.0f);
-        EXPECT_EQ(gb.o, 0.0f);
-    }
+    for (int c = 0; c < num_channels_v<Pixel>; ++c)
+        EXPECT_EQ(
+            std::make_pair(compare.gain_bias(0, 0, 0, 0, c).g, compare.gain_bias(0, 0, 0, 0, c).o),
+            std::make_pair(256.0f, 0.0f));
     D d;
     gain_bias_distance(compare, const_view(target), const_view(source), 0, 0, 0, 0, d);
     D const plain = translate_distance_scalar<Pixel>(const_view(target), const_view(source), 0, 0);

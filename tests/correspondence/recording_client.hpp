@@ -30,16 +30,6 @@ private:
     std::mutex mutex_;
 };
 
-// Sets the band count of the search for the duration of a scope.
-class ScopedBands {
-public:
-    explicit ScopedBands(long long bands);
-    ~ScopedBands();
-
-private:
-    long long saved_;
-};
-
 template <class Pixel>
 struct HostOf {
     RecordingClient<Pixel> host;

@@ -1,14 +1,10 @@
 #include "support/helpers.hpp"
 #include "support/random_image.hpp"
-#include "support/test_client.hpp"
 
 #include <weftmap/image/resample.hpp>
 
 #include <gtest/gtest.h>
 
-#include <boost/gil/algorithm.hpp>
-
-#include <cmath>
 #include <cstdint>
 #include <tuple>
 
@@ -40,43 +36,21 @@ TEST(ResampleSize, ShortSideRuleOrOneGivenSide) {
     EXPECT_EQ(square, Point(100, 100));
 }
 
-TEST(Resample, RefusesBadSizesAndFilters) {
+TEST(Resample, RefusesBadSizesAndFiltersAndCopiesAtTheSameSize) {
     auto const src = test::random_image<gray8_pixel_t>(8, 8, 3);
     RecycledImage<gray8_pixel_t> dst(Point(2, 2));
     EXPECT_EQ(test::error_text([&] { resample(const_view(src), dst, 0, 0, ResampleBilinear, -1); }),
               "WEFTMAP_INTERNAL_ERROR:resample(): Zero or negative dimension.\n");
     EXPECT_EQ(dst.width(), 2);
-    EXPECT_EQ(test::error_text(
-                  [&] { resample(const_view(src), dst, 4, 4, static_cast<ResampleMode>(7), -1); }),
-              "WEFTMAP_INTERNAL_ERROR:resample(): Bad filter (7)");
+    EXPECT_THROW(resample(const_view(src), dst, 4, 4, static_cast<ResampleMode>(7), -1), Exception);
     // A one-pixel-wide source has no pair of columns to blend.
     auto const thin = test::random_image<gray8_pixel_t>(1, 8, 3);
     EXPECT_THROW(resample(const_view(thin), dst, 4, 4, ResampleBilinear, -1), Exception);
-}
-
-TEST(Resample, WorkedNumbersAndTheSameSizeCopy) {
     // The same size is an exact copy, whatever the mode.
     auto const same = test::random_image<rgb16_pixel_t>(9, 5, 3);
     RecycledImage<rgb16_pixel_t> copy;
     resample_core(const_view(same), copy, 9, 5, static_cast<ResampleMode>(7));
-    EXPECT_TRUE(boost::gil::equal_pixels(const_view(copy), const_view(same)));
-
-    // Halving a row blends pairs.
-    RecycledImage<gray8_pixel_t> src(Point(4, 2));
-    for (int y = 0; y < 2; ++y)
-        for (int x = 0; x < 4; ++x) view(src)(x, y) = gray8_pixel_t(10 * (x + 1));
-    RecycledImage<gray8_pixel_t> dst;
-    resample(const_view(src), dst, 2, 1, ResampleBilinear, -1);
-    EXPECT_EQ(int(view(dst)(0, 0)), 15);
-    EXPECT_EQ(int(view(dst)(1, 0)), 35);
-
-    // Enlarging a float image extrapolates at the left edge:
-    // u = 2 * 0.5 / 4 - 0.5 = -0.25: truncation gives column 0, fraction -0.25.
-    auto floats = test::uniform<gray32f_pixel_t>(Point(2, 2), 0.25);
-    test::paint(view(floats), Box{1, 0, 2, 2}, gray32f_pixel_t(0.75f));
-    RecycledImage<gray32f_pixel_t> larger;
-    resample(const_view(floats), larger, 4, 4, ResampleBilinear, -1);
-    EXPECT_FLOAT_EQ(channel_value(view(larger)(0, 0), 0), 0.5f * -0.25f + 0.25f);
+    EXPECT_TRUE(gil::equal_pixels(const_view(copy), const_view(same)));
 }
 
 // An independent formulation: 64-bit arithmetic with explicit 32-bit wrapping.

@@ -1,17 +1,12 @@
 #include "recomposer/recomposer_fixture.hpp"
-#include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
-#include <weftmap/frame/debug_output.hpp>
 #include <weftmap/recomposer/hole_measures.hpp>
-#include <weftmap/recomposer/recomposer.hpp>
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <limits>
 #include <random>
-#include <tuple>
 
 namespace WM {
 namespace {
@@ -23,8 +18,8 @@ using Gray = RecycledImage<gray8_pixel_t>;
 constexpr int w = 7;
 gray8_pixel_t const zero(0);
 
-// Whether some patch corner that covers (x, y) is 0 in `tmask` and is a real
-// corner (a whole patch fits there).
+// Whether a real patch corner (a whole patch fits there) that covers (x, y)
+// is free (0) in `tmask`.
 bool covered_by_free_patch(GrayView const& tmask, std::ptrdiff_t x, std::ptrdiff_t y) {
     for (std::ptrdiff_t cy = std::max<std::ptrdiff_t>(y - w + 1, 0); cy <= y; ++cy)
         for (std::ptrdiff_t cx = std::max<std::ptrdiff_t>(x - w + 1, 0); cx <= x; ++cx)
@@ -33,24 +28,20 @@ bool covered_by_free_patch(GrayView const& tmask, std::ptrdiff_t x, std::ptrdiff
     return false;
 }
 
-long count_zeros(GrayView const& mask) {
-    return std::count(mask.begin(), mask.end(), zero);
-}
-
-// A recomposer with a hole of `size` (all known) set as its hole input.
+// A recomposer with an all-known hole of `size` as its hole input and, for a
+// value of 0 or more, a constraint mask of that value.
 struct MaskSetup : test::RecomposerUnderTest<> {
-    explicit MaskSetup(Point const& size) : size(size) { reset(); }
-    // A fresh all-known hole and, for a value of 0 or more, a constraint
-    // mask of that value.
-    void reset(int constraint_value = -1) {
-        hole = byte_mask(size, 255);
+    explicit MaskSetup(Point const& size, int constraint_value = -1) : hole(byte_mask(size, 255)) {
         r.hole_view = view(hole);
         r.hole_arg = &r.hole_view;
         if (constraint_value < 0) return;
         constraint = byte_mask(size, constraint_value);
         r.tconstraint_mask_view = view(constraint);
     }
-    Point size;
+    long free_corners() {
+        GrayView const t = r.get_tmask();
+        return std::count(t.begin(), t.end(), zero);
+    }
     Gray hole, constraint;
 };
 
@@ -64,10 +55,8 @@ TEST(CalculateMasks, HoleCornersAreFreeAndTheLastRowsAndColumnsClosed) {
     for (bool const with_hole : {true, false}) {
         s.r.hole_arg = with_hole ? &s.r.hole_view : nullptr;
         s.r.calculate_masks(size, size);
-        GrayView const tmask = s.r.get_tmask();
-        GrayView const smask = view(s.r._smask_buf);
-        ASSERT_EQ(tmask.dimensions(), size);
-        ASSERT_EQ(smask.dimensions(), size);
+        GrayView const tmask = s.r.get_tmask(), smask = view(s.r._smask_buf);
+        ASSERT_TRUE(tmask.dimensions() == size && smask.dimensions() == size);
         for (int y = 0; y < size.y; ++y)
             for (int x = 0; x < size.x; ++x) {
                 bool const real = x <= size.x - w && y <= size.y - w;
@@ -76,40 +65,29 @@ TEST(CalculateMasks, HoleCornersAreFreeAndTheLastRowsAndColumnsClosed) {
                 EXPECT_EQ(tmask(x, y)[0], real && touches ? 0 : 255) << x << "," << y;
                 EXPECT_EQ(smask(x, y)[0], real ? 0 : 255) << x << "," << y;
             }
-        if (with_hole) {
-            EXPECT_EQ(s.r._tmask.boxes[0], (Box{2, 0, 11, 8}));
-            EXPECT_EQ(get_abox(w, size, &s.r._tmask), (Box{2, 0, 11, 8}));
-        }
+        EXPECT_EQ(get_abox(w, size, &s.r._tmask),
+                  (with_hole ? Box{2, 0, 11, 8} : Box{0, 0, 14, 10}));
     }
 }
 
 TEST(CalculateMasks, ConstraintMarksFreezePatchesButEveryHolePixelKeepsOne) {
     Point const size(20, 16);
-    MaskSetup s(size);
-    // A hole pixel ringed by fixed pixels (the mark on the hole pixel itself
-    // counts for nothing): the marks take every corner that covers it, so the
-    // top left one is given back.
-    s.reset(255);
-    view(s.hole)(10, 8)[0] = 0;
-    test::paint(view(s.constraint), Box{9, 7, 12, 10}, zero);
-    s.r.calculate_masks(size, size);
-    EXPECT_EQ(count_zeros(s.r.get_tmask()), 1);
-    EXPECT_EQ(s.r.get_tmask()(4, 2)[0], 0);
-
-    // A hole pixel on the right edge with a fixed pixel beside it: only
-    // corner column 13 holds whole patches, and the mark takes all of it.
-    s.reset(255);
-    view(s.hole)(19, 8)[0] = 0;
-    view(s.constraint)(18, 8)[0] = 0;
-    s.r.calculate_masks(size, size);
-    EXPECT_TRUE(covered_by_free_patch(s.r.get_tmask(), 19, 8));
-    EXPECT_EQ(s.r.get_tmask()(13, 2)[0], 0);
-
+    {
+        // A hole pixel ringed by fixed pixels (the mark on the hole pixel
+        // itself counts for nothing): the marks take every corner that covers
+        // it, so the top left one is given back.
+        MaskSetup s(size, 255);
+        view(s.hole)(10, 8)[0] = 0;
+        test::paint(view(s.constraint), Box{9, 7, 12, 10}, zero);
+        s.r.calculate_masks(size, size);
+        EXPECT_EQ(s.free_corners(), 1);
+        EXPECT_EQ(s.r.get_tmask()(4, 2)[0], 0);
+    }
     // Random holes and constraints: every hole pixel stays covered, and no
     // free corner covers a fixed pixel except the one given back per pixel.
     std::mt19937 rng(7);
     for (int round = 0; round < 20; ++round) {
-        s.reset(255);
+        MaskSetup s(size, 255);
         for (int i = 0; i < 6; ++i) view(s.hole)(rng() % size.x, rng() % size.y)[0] = 0;
         for (int i = 0; i < 40; ++i) view(s.constraint)(rng() % size.x, rng() % size.y)[0] = 100;
         s.r.calculate_masks(size, size);
@@ -117,12 +95,9 @@ TEST(CalculateMasks, ConstraintMarksFreezePatchesButEveryHolePixelKeepsOne) {
         int given_back = 0;
         for (int y = 0; y < size.y; ++y)
             for (int x = 0; x < size.x; ++x) {
-                if (view(s.hole)(x, y)[0] != 255) {
-                    EXPECT_TRUE(covered_by_free_patch(t, x, y));
-                }
+                EXPECT_TRUE(view(s.hole)(x, y)[0] == 255 || covered_by_free_patch(t, x, y));
                 if (t(x, y)[0] != 0) continue;
-                EXPECT_LE(x, size.x - w);
-                EXPECT_LE(y, size.y - w);
+                EXPECT_TRUE(x <= size.x - w && y <= size.y - w);
                 bool touches_fixed = false;
                 for (int py = y; py < y + w; ++py)
                     for (int px = x; px < x + w; ++px)
@@ -141,26 +116,24 @@ TEST(CalculateMasks, SmallSourcesAndCornerHoles) {
     view(s.hole)(5, 5)[0] = 0;
     s.r.calculate_masks(size, Point(5, 20));
     ASSERT_EQ(s.r._smask_buf.dimensions(), Point(5, 20));
-    EXPECT_EQ(count_zeros(view(s.r._smask_buf)), 0);
-    EXPECT_EQ(count_zeros(s.r.get_tmask()), 0);
+    EXPECT_EQ(std::count(view(s.r._smask_buf).begin(), view(s.r._smask_buf).end(), zero), 0);
+    EXPECT_EQ(s.free_corners(), 0);
     EXPECT_TRUE(get_abox(w, size, &s.r._tmask).empty());
 
     // One hole pixel in each image corner, the rest of the image fixed: the
     // only patch that can fill it is the corner patch.
     for (Point const corner : {Point(0, 0), Point(19, 15), Point(19, 0), Point(0, 15)}) {
-        MaskSetup c(size);
-        c.reset(0);
+        MaskSetup c(size, 0);
         view(c.hole)(corner.x, corner.y)[0] = 0;
         c.r.calculate_masks(size, size);
         int const fx = int(std::min<std::ptrdiff_t>(corner.x, size.x - w));
         int const fy = int(std::min<std::ptrdiff_t>(corner.y, size.y - w));
-        EXPECT_EQ(count_zeros(c.r.get_tmask()), 1);
-        EXPECT_EQ(c.r.get_tmask()(fx, fy)[0], 0);
+        EXPECT_EQ(c.free_corners(), 1);
         EXPECT_EQ(c.r._tmask.boxes[0], (Box{fx, fy, fx + 1, fy + 1}));
     }
 }
 
-TEST(CalculateMasks, ValidMaskAndSizeMessages) {
+TEST(CalculateMasks, ValidMaskAndSizeChecks) {
     Point const size(20, 16);
     MaskSetup s(size);
     Gray valid = byte_mask(Point(18, 14), 255);
@@ -179,25 +152,17 @@ TEST(CalculateMasks, ValidMaskAndSizeMessages) {
               "WEFTMAP_INTERNAL_ERROR:Can't calculate masks: source size (20x16) != valid mask "
               "size (18x14)");
     s.r.valid_view = GrayView();
-
     Gray constraint = byte_mask(Point(20, 15), 255);
     s.r.tconstraint_mask_view = view(constraint);
-    EXPECT_EQ(error_text([&] { s.r.calculate_masks(size, size); }),
-              "WEFTMAP_INTERNAL_ERROR:Can't calculate masks: target size (20x16) != "
-              "target_constraint mask size (20x15)");
-    // The hole at another size than the target: no hole here, and the mask
-    // must still agree with it.
-    EXPECT_EQ(error_text([&] { s.r.calculate_masks(Point(20, 15), size); }),
-              "WEFTMAP_INTERNAL_ERROR:Can't calculate masks: hole size (20x16) != "
-              "target_constraint mask size (20x15)");
+    // A constraint mask must have the size of the hole as well.
+    EXPECT_THROW(s.r.calculate_masks(Point(20, 15), size), Exception);
 }
 
 TEST(FillHoleDistance, MatchesBruteForceOverTheGrownBox) {
     std::mt19937 rng(11);
     RecycledImage<int_gray_pixel_t> distance;
     for (int round = 0; round < 12; ++round) {
-        Point const size(30, 25);
-        Gray hole = byte_mask(size, 255);
+        Gray hole = byte_mask(Point(30, 25), 255);
         // Blobs anywhere, edges included, so that clipping is exercised.
         for (int b = 0; b < 3; ++b) {
             int const bx = rng() % 30, by = rng() % 25, bw = 1 + rng() % 9, bh = 1 + rng() % 9;
@@ -214,7 +179,7 @@ TEST(FillHoleDistance, MatchesBruteForceOverTheGrownBox) {
         };
         // City-block distance to the nearest known pixel within the rectangle.
         auto const known = [&](int x, int y) { return inside(x, y) && view(hole)(x, y)[0] == 255; };
-        ASSERT_EQ(d.dimensions(), size);
+        ASSERT_EQ(d.dimensions(), Point(30, 25));
         EXPECT_EQ(d.xmin, rect.xmin);
         EXPECT_EQ(d.ymax, rect.ymax);
         for (int y = 0; y < 25; ++y)
@@ -228,22 +193,6 @@ TEST(FillHoleDistance, MatchesBruteForceOverTheGrownBox) {
     DistanceInsetView const none = fill_hole_distance(ConstGrayView(), Box{}, distance, w, nullptr);
     EXPECT_EQ(none.dimensions(), Point(0, 0));
     EXPECT_EQ(none(0, 0)[0], 0);
-
-    // The constraint mask is published and must have the hole's size.
-    Gray hole = byte_mask(Point(12, 10), 255);
-    view(hole)(4, 4)[0] = 0;
-    Gray mask = byte_mask(Point(12, 10), 255);
-    ConstGrayView const mask_view = const_view(mask);
-    test::ScopedCapture capture;
-    fill_hole_distance(const_view(hole), Box{4, 4, 5, 5}, distance, w, &mask_view);
-    EXPECT_NE(capture.channel.written.find("CHECKSUM (test): tconstraint_mask subimage: "),
-              std::string::npos);
-    Gray small = byte_mask(Point(12, 9), 255);
-    ConstGrayView const small_view = const_view(small);
-    EXPECT_EQ(error_text([&] {
-                  fill_hole_distance(const_view(hole), Box{4, 4, 5, 5}, distance, w, &small_view);
-              }).rfind("WEFTMAP_INTERNAL_ERROR:", 0),
-              0u);
 }
 
 // A 40 x 40 hole image with the square (10..29, 10..29) missing.
@@ -267,7 +216,6 @@ TEST(HoleWeight, FallsByGammaPerPixelWithAStepAtHalfAPatch) {
     EXPECT_NE(capture.channel.written.find("CHECKSUM (test): hole_weight bd: "), std::string::npos);
 
     // Frame of the hole, rectangle of the hole grown by half a patch.
-    EXPECT_EQ(weights.dimensions(), Point(40, 40));
     EXPECT_EQ(std::make_tuple(weights.xmin, weights.ymin, weights.xmax, weights.ymax),
               std::make_tuple(7, 7, 33, 33));
     EXPECT_EQ(weights(0, 0)[0], 1e30f);   // outside: the default
@@ -278,53 +226,34 @@ TEST(HoleWeight, FallsByGammaPerPixelWithAStepAtHalfAPatch) {
         int const e = d + (d > 3 ? 4 : 0);
         EXPECT_FLOAT_EQ(weights(9 + d, 20)[0], static_cast<float>(1e30 / std::pow(1.3, e))) << d;
     }
-    EXPECT_NEAR(weights(11, 20)[0] / weights(12, 20)[0], 1.3, 1e-5);
-    EXPECT_NEAR(weights(12, 20)[0] / weights(13, 20)[0], std::pow(1.3, 5), 1e-4);
-    EXPECT_NEAR(weights(13, 20)[0] / weights(14, 20)[0], 1.3, 1e-5);
-
     // The distance stays behind for the search window.
-    DistanceInsetView const& dist = r.get_distance();
-    EXPECT_EQ(dist.dimensions(), Point(40, 40));
-    EXPECT_EQ(dist(19, 20)[0], 10);
-    EXPECT_EQ(dist(0, 0)[0], 0);
+    EXPECT_EQ(r.get_distance()(19, 20)[0], 10);
 
     // A steep gamma drives the middle under float range: the floor holds.
     r.current_hole_gamma = 10.0;
     EXPECT_FLOAT_EQ(weigh(hole)(19, 20)[0], 1e20f);  // d = 10, shift 0
     Gray wide = byte_mask(Point(140, 140), 255);
     test::paint(view(wide), Box{5, 5, 135, 135}, zero);
-    WeightInsetView const floored = weigh(wide);
-    EXPECT_EQ(floored(70, 70)[0], static_cast<float>(1.1754943508222875e-28));
-    EXPECT_GT(floored(70, 70)[0], 0.0f);
+    EXPECT_EQ(weigh(wide)(70, 70)[0], static_cast<float>(1.1754943508222875e-28));
 
     // Without hole weighting: all 1.0, the default too.
     r.weigh_hole = false;
-    WeightInsetView const flat = weigh(hole);
-    EXPECT_EQ(flat(0, 0)[0], 1.0f);
-    EXPECT_EQ(flat(20, 20)[0], 1.0f);
-    EXPECT_EQ(flat.xmin, 7);
-}
+    EXPECT_EQ(weigh(hole)(0, 0)[0], 1.0f);
+    EXPECT_EQ(weigh(hole)(20, 20)[0], 1.0f);
 
-TEST(HoleWeight, RefusesMismatchedSizesAndAGammaWithoutStep) {
-    test::RecomposerUnderTest<> t;
-    auto& r = t.r;
-    Gray hole = square_hole();
+    // The output must have the hole's size; a gamma of 1 has no step.
     RecycledImage<weight_pixel_t> storage(Point(10, 10));
-    WeightInsetView weights(view(storage), Point(40, 39), Point(0, 0));
-    WeightInsetView right(view(storage), Point(40, 40), Point(0, 0));
-    Gray mask = byte_mask(Point(39, 40), 255);
-    ConstGrayView const mask_view = const_view(mask);
-    auto const weigh = [&](WeightInsetView& out, ConstGrayView const* m) {
-        return error_text([&] { r.hole_weight(const_view(hole), Box{10, 10, 30, 30}, out, m); });
+    auto const into = [&](Point const& size) {
+        WeightInsetView out(view(storage), size, Point(0, 0));
+        return error_text([&] {
+            r.hole_weight(const_view(hole), Box{10, 10, 30, 30}, out, nullptr);
+        });
     };
-    EXPECT_EQ(weigh(weights, nullptr),
+    EXPECT_EQ(into(Point(40, 39)),
               "WEFTMAP_INTERNAL_ERROR:hole_weight masks differ: target_mask size (40x40) != "
               "output size (40x39)");
-    EXPECT_EQ(weigh(right, &mask_view),
-              "WEFTMAP_INTERNAL_ERROR:hole_weight masks differ: tconstraint_mask size (39x40) != "
-              "output size (40x40)");
     r.current_hole_gamma = 1.0;
-    EXPECT_EQ(weigh(right, nullptr).rfind("WEFTMAP_INVALID_PARAMETERS:", 0), 0u);
+    EXPECT_EQ(into(Point(40, 40)).rfind("WEFTMAP_INVALID_PARAMETERS:", 0), 0u);
 }
 
 TEST(GetHoleProperties, MeasuresTheHoleAndSizesTheAdaptiveWindow) {
@@ -337,16 +266,14 @@ TEST(GetHoleProperties, MeasuresTheHoleAndSizesTheAdaptiveWindow) {
     r.get_hole_properties();
     // 400 hole pixels, 10 the deepest; r = 20 * 0.56419 / 7 - 0.9 = 0.71197,
     // v = trunc(1.97277 * 3.5 + 31.5 + 25) = 63.
-    EXPECT_EQ(r.hole_area, 400);
-    EXPECT_EQ(r.hole_max_dist_bound, 7);
-    EXPECT_EQ(r.half_search_window, 31);
+    EXPECT_EQ(std::make_tuple(r.hole_area, r.hole_max_dist_bound, r.half_search_window),
+              std::make_tuple(400, 7, 31));
     EXPECT_EQ(capture.channel.written,
               "hole_max_dist_bound =  7\nhole_area =  400\nhalf_search_window =  31\n");
 
-    // Measured again with a fixed window: no change of window, no log.
+    // Measured again with the window fixed: no new window, no log.
     capture.channel.written.clear();
     r.get_hole_properties();
-    EXPECT_EQ(r.half_search_window, 31);
     EXPECT_EQ(capture.channel.written, "");
 
     // A thin hole has a negative bound, which enters the sum as it is:
@@ -356,17 +283,14 @@ TEST(GetHoleProperties, MeasuresTheHoleAndSizesTheAdaptiveWindow) {
     r.hole_view = view(line);
     r.half_search_window = -500;
     r.get_hole_properties();
-    EXPECT_EQ(r.hole_area, 30);
-    EXPECT_EQ(r.hole_max_dist_bound, -2);
-    EXPECT_EQ(r.half_search_window, 7);
+    EXPECT_EQ(std::make_tuple(r.hole_area, r.hole_max_dist_bound, r.half_search_window),
+              std::make_tuple(30, -2, 7));
 
     // No hole at all.
     Gray none = byte_mask(Point(40, 40), 255);
     r.hole_view = view(none);
-    r.half_search_window = 0;
     r.get_hole_properties();
-    EXPECT_EQ(r.hole_area, 0);
-    EXPECT_EQ(r.hole_max_dist_bound, -3);
+    EXPECT_EQ(std::make_tuple(r.hole_area, r.hole_max_dist_bound), std::make_tuple(0, -3));
 }
 
 TEST(SourceWeights, FromImportanceAndWeight) {
@@ -375,48 +299,17 @@ TEST(SourceWeights, FromImportanceAndWeight) {
     view(importance)(2, 0)[0] = 255;
     RecycledImage<weight_pixel_t> weights;
     WeightInsetView const scaled = make_source_weights(const_view(importance), 0.0, weights);
-    EXPECT_EQ(scaled.dimensions(), Point(3, 1));
     EXPECT_EQ(scaled(0, 0)[0], 0.0f);
     EXPECT_FLOAT_EQ(scaled(1, 0)[0], 0.2f);
-    EXPECT_FLOAT_EQ(scaled(2, 0)[0], 1.0f);
-
     WeightInsetView const favoured = make_source_weights(const_view(importance), 4.0, weights);
     EXPECT_EQ(favoured(0, 0)[0], 0.25f);
     EXPECT_EQ(favoured(1, 0)[0], 1.0f);
-    EXPECT_EQ(favoured(2, 0)[0], 1.0f);
 
     // Refused, and the weights stay as they were.
     for (double bad : {-1.0, std::numeric_limits<double>::quiet_NaN()}) {
-        EXPECT_EQ(error_text([&] {
-                      make_source_weights(const_view(byte_mask(Point(5, 5), 0)), bad, weights);
-                  }).rfind("WEFTMAP_INVALID_PARAMETERS:", 0),
-                  0u);
-        EXPECT_EQ(weights.dimensions(), Point(3, 1));
+        EXPECT_THROW(make_source_weights(const_view(importance), bad, weights), Exception);
         EXPECT_EQ(view(weights)(0, 0)[0], 0.25f);
     }
-}
-
-TEST(PatchCounts, EnoughPatchesToSampleFrom) {
-    // 10 x 10 masks hold 4 x 4 patch corners.
-    Gray smask = byte_mask(Point(10, 10), 255);
-    Gray tmask = byte_mask(Point(10, 10), 0);
-    for (int i = 0; i < 5; ++i) view(smask)(i % 4, i / 4)[0] = 0;
-    view(smask)(8, 8)[0] = 0;  // not a corner
-    for (int i = 0; i < 10; ++i) view(tmask)(i % 4, i / 4)[0] = 255;
-    auto const enough = [&](int min_patches, bool count_only, double min_ratio) {
-        return check_enough_patches_to_sample_from(w, const_view(smask), const_view(tmask),
-                                                   min_patches, count_only, min_ratio);
-    };
-    EXPECT_TRUE(enough(5, true, 0.0));
-    EXPECT_FALSE(enough(6, true, 0.0));
-    // Ratio 5 / 10.
-    EXPECT_TRUE(enough(5, false, 0.5));
-    EXPECT_FALSE(enough(5, false, 0.51));
-    EXPECT_FALSE(enough(6, false, 0.0));
-    // No patch corner at all.
-    Gray tiny = byte_mask(Point(6, 10), 0);
-    EXPECT_FALSE(
-        check_enough_patches_to_sample_from(w, const_view(tiny), const_view(tiny), 1, true, 0.0));
 }
 
 TEST(ProposeSearchBounds, GrowsAroundTheHoleAndStaysInTheImage) {
@@ -426,50 +319,14 @@ TEST(ProposeSearchBounds, GrowsAroundTheHoleAndStaysInTheImage) {
     // Wider than high: the width doubles and the height keeps the area.
     EXPECT_EQ(ProposeSearchBounds(Point(1000, 1000), Box{300, 500, 500, 510}, 1.0f),
               (Box{200, 493, 600, 517}));
-    // At the top left corner the box is moved in, not cut.
+    // At the corners the box is moved in, not cut.
     EXPECT_EQ(ProposeSearchBounds(Point(1000, 1000), Box{0, 0, 10, 10}, 1.0f),
               (Box{0, 0, 24, 100}));
-    // At the bottom right likewise.
-    EXPECT_EQ(ProposeSearchBounds(Point(200, 150), Box{190, 140, 200, 150}, 1.0f),
-              (Box{176, 50, 200, 150}));
     // Larger than the image: moved, then clipped.
     EXPECT_EQ(ProposeSearchBounds(Point(60, 80), Box{20, 20, 30, 30}, 1.0f), (Box{13, 0, 37, 80}));
     // A larger ratio: area 4 * 2500, m = max(100 / 50, 2) = 2.
     EXPECT_EQ(ProposeSearchBounds(Point(1000, 1000), Box{100, 100, 110, 110}, 2.0f),
               (Box{55, 55, 155, 155}));
-}
-
-template <class Pixel>
-class MasksAllTypes : public ::testing::Test {};
-TYPED_TEST_SUITE(MasksAllTypes, test::AllPixelTypes, test::PixelNames);
-
-// The masks do not depend on the pixel type or the comparator.
-TYPED_TEST(MasksAllTypes, SameMasksForEveryInstantiation) {
-    Point const size(24, 18);
-    Gray hole = square_hole();
-    Gray small = byte_mask(size, 255);
-    test::paint(view(small), Box{3, 5, 12, 9}, zero);
-    MaskSetup reference(size);
-    reference.hole = small;
-    reference.r.calculate_masks(size, size);
-
-    auto const check = [&](auto& r) {
-        r.hole_view = view(small);
-        r.hole_arg = &r.hole_view;
-        r.calculate_masks(size, size);
-        EXPECT_EQ(view_crc32(r.get_tmask()), view_crc32(reference.r.get_tmask()));
-        EXPECT_EQ(view_crc32(view(r._smask_buf)), view_crc32(view(reference.r._smask_buf)));
-        r.hole_view = view(hole);
-        r.get_hole_properties();
-        EXPECT_EQ(r.hole_area, 400);
-        WeightInsetView const weights =
-            r.compute_weights(const_view(hole), &r._tmask, r._tweight_buf, nullptr);
-        EXPECT_EQ(weights(9, 20)[0], 1e30f);
-    };
-    test::RecomposerUnderTest<TranslatePatchCompare<TypeParam>> translate;
-    check(translate.r);
-    test::RecomposerUnderTest<GainBiasPatchCompare<TypeParam>> gain_bias;
-    check(gain_bias.r);
 }
 
 }  // namespace

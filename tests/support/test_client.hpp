@@ -26,14 +26,10 @@ public:
 class TestClient : public WeftmapProcClient {
 public:
     MemoryAllocator* GetMemoryAllocator() override { return &allocator; }
-    DebugOutput* GetDebugOutput() override {
-        ++debug_queries;
-        return debug;
-    }
+    DebugOutput* GetDebugOutput() override { return debug; }
 
     HeapAllocator allocator;
     DebugOutput* debug = nullptr;
-    int debug_queries = 0;
 };
 
 // The client registered for the whole test run.
@@ -60,13 +56,9 @@ private:
 };
 
 // Restores the process-wide memory limit on scope exit.
-class ScopedMemoryLimit {
-public:
-    ScopedMemoryLimit() : saved_(BaseLimitedByteMemoryAllocator::getLimit()) {}
-    ~ScopedMemoryLimit() { BaseLimitedByteMemoryAllocator::setLimit(saved_); }
-
-private:
-    unsigned long long saved_;
+struct ScopedMemoryLimit {
+    ~ScopedMemoryLimit() { BaseLimitedByteMemoryAllocator::setLimit(saved); }
+    unsigned long long const saved = BaseLimitedByteMemoryAllocator::getLimit();
 };
 
 }  // namespace WM::test
