@@ -11,6 +11,7 @@
 #include "correspondence/vote_sse2.hpp"
 #endif
 
+#include <tbb/task_arena.h>
 #include <boost/gil/algorithm.hpp>
 
 #include <atomic>
@@ -336,9 +337,11 @@ void Weftmap<Compare>::vote(const_image_view_t const& b, OffsetView const& nnf,
         complete_weight / static_cast<double>((bnn->width() - 6) * (bnn->height() - 6));
     detail::vote_n_body<pixel_t> const accumulate{
         b, nnf, *bnn, acc, b_mask, b_weights, a_mask, a_weights, constrained, box, cs, ps};
-    // Every task scans all source patches: keep the bands from getting thin.
-    parallel_range(0, static_cast<int>(acc.height()), std::max(grain_for_width(acc.width()), 16),
-                   accumulate);
+    // Every task scans all source patches: a few bands per thread, no more.
+    int const band_rows =
+        static_cast<int>(acc.height()) / (4 * tbb::this_task_arena::max_concurrency());
+    parallel_range(0, static_cast<int>(acc.height()),
+                   std::max({grain_for_width(acc.width()), 16, band_rows}), accumulate);
 
     grow_checked();
     auto const out_box = gil::subimage_view(out, box.xmin, box.ymin, acc_size.x, acc_size.y);
