@@ -1,7 +1,12 @@
-// Whole runs: a hole fill and a retarget of a photograph-like picture.
+// Whole runs: a hole fill and a retarget of a photograph.
 #include "bench_client.hpp"
 
+#include <weftmap/image/resample.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
+
+#if defined(WEFTMAP_BENCH_PHOTO)
+#include "image_file.hpp"
+#endif
 
 #include <benchmark/benchmark.h>
 
@@ -43,9 +48,24 @@ RecycledImage<gray8_pixel_t> irregular_hole(Point const& size, unsigned seed) {
     return hole;
 }
 
+// The embedded photograph scaled to `size`, or a generated picture when the
+// file readers are not built.
+RecycledImage<Pixel> photograph(Point const& size) {
+#if defined(WEFTMAP_BENCH_PHOTO)
+    auto const file = weftmap_tool::read_image_file(WEFTMAP_BENCH_PHOTO);
+    RecycledImage<Pixel> original(weftmap_tool::dimensions(file.image));
+    weftmap_tool::copy_to_rgb8(weftmap_tool::const_view_of(file.image), view(original));
+    RecycledImage<Pixel> scaled;
+    resample<Pixel>(const_view(original), scaled, size, ResampleBilinear, -1);
+    return scaled;
+#else
+    return synthetic_image<Pixel>(size.x, size.y, 7);
+#endif
+}
+
 void BM_HoleFill(benchmark::State& state) {
     Point const size(state.range(0), state.range(0));
-    auto const picture = synthetic_image<Pixel>(size.x, size.y, 7);
+    auto const picture = photograph(size);
     auto const hole = irregular_hole(size, 11);
     client().allocator.peak = 0;
     for (auto _ : state) {
@@ -69,7 +89,7 @@ BENCHMARK(BM_HoleFill)->Arg(1024)->Arg(4096)->Unit(benchmark::kMillisecond)->Use
 
 void BM_Retarget70(benchmark::State& state) {
     Point const size(state.range(0), state.range(0));
-    auto const picture = synthetic_image<Pixel>(size.x, size.y, 7);
+    auto const picture = photograph(size);
     for (auto _ : state) {
         state.PauseTiming();
         auto source = picture;
