@@ -63,11 +63,12 @@ RecycledImage<Pixel> photograph(Point const& size) {
 #endif
 }
 
-void BM_HoleFill(benchmark::State& state) {
-    Point const size(state.range(0), state.range(0));
-    auto const picture = photograph(size);
-    auto const hole = irregular_hole(size, 11);
-    client().allocator.peak = 0;
+// Times `run(recomposer, source, hole, output)` on fresh copies of `picture`
+// and `hole` (runs change both in place) and reports the library memory the
+// run held at its peak.
+template <class Run>
+void time_runs(benchmark::State& state, RecycledImage<Pixel> const& picture,
+               RecycledImage<gray8_pixel_t> const& hole, RecomposerMode mode, Run const& run) {
     for (auto _ : state) {
         state.PauseTiming();
         auto source = picture;
@@ -76,35 +77,35 @@ void BM_HoleFill(benchmark::State& state) {
         client().allocator.peak = held;
         state.ResumeTiming();
         NullProgress<Pixel> progress;
-        Recomposer recomposer(&progress, RecomposerModeHoleFill);
-        std::vector<Constraint> constraints;
+        Recomposer recomposer(&progress, mode);
         RecycledImage<Pixel> output;
-        recomposer.recompose(view(source), constraints, output, &view(mask), nullptr, nullptr,
-                             nullptr, nullptr, nullptr, nullptr, nullptr);
+        run(recomposer, view(source), view(mask), output);
         benchmark::DoNotOptimize(output.memory());
         state.counters["library_MB"] = double(client().allocator.peak - held) / (1 << 20);
     }
+}
+
+void BM_HoleFill(benchmark::State& state) {
+    Point const size(state.range(0), state.range(0));
+    time_runs(state, photograph(size), irregular_hole(size, 11), RecomposerModeHoleFill,
+              [](Recomposer& r, View<Pixel> const& source, GrayView const& mask,
+                 RecycledImage<Pixel>& output) {
+                  std::vector<Constraint> constraints;
+                  r.recompose(source, constraints, output, &mask, nullptr, nullptr, nullptr,
+                              nullptr, nullptr, nullptr, nullptr);
+              });
 }
 BENCHMARK(BM_HoleFill)->Arg(1024)->Arg(4096)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_Retarget70(benchmark::State& state) {
     Point const size(state.range(0), state.range(0));
-    auto const picture = photograph(size);
-    for (auto _ : state) {
-        state.PauseTiming();
-        auto source = picture;
-        auto const held = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
-        client().allocator.peak = held;
-        state.ResumeTiming();
-        NullProgress<Pixel> progress;
-        Recomposer recomposer(&progress, RecomposerModeTapestry);
-        std::vector<Constraint> constraints;
-        RecycledImage<Pixel> output;
-        recomposer.retarget(view(source), constraints, output, Point(size.x * 7 / 10, size.y), 0.98,
-                            nullptr, nullptr, nullptr, nullptr);
-        benchmark::DoNotOptimize(output.memory());
-        state.counters["library_MB"] = double(client().allocator.peak - held) / (1 << 20);
-    }
+    time_runs(state, photograph(size), RecycledImage<gray8_pixel_t>(), RecomposerModeTapestry,
+              [&](Recomposer& r, View<Pixel> const& source, GrayView const&,
+                  RecycledImage<Pixel>& output) {
+                  std::vector<Constraint> constraints;
+                  r.retarget(source, constraints, output, Point(size.x * 7 / 10, size.y), 0.98,
+                             nullptr, nullptr, nullptr, nullptr);
+              });
 }
 BENCHMARK(BM_Retarget70)->Arg(1024)->Unit(benchmark::kMillisecond)->UseRealTime();
 
