@@ -1,0 +1,5 @@
+#include "twopass/pixel_access_impl.hpp"
+
+namespace WM {
+WEFTMAP_FOR_EACH_PIXEL_32F(WEFTMAP_INSTANTIATE_PIXEL_ACCESS)
+}  // namespace WM

@@ -1,0 +1,5 @@
+#include "twopass/two_pass_synthesis_impl.hpp"
+
+namespace WM {
+WEFTMAP_FOR_EACH_PIXEL_8(WEFTMAP_INSTANTIATE_TWO_PASS_SYNTHESIS)
+}  // namespace WM
