@@ -1,0 +1,5 @@
+#include "tapestry/tapestry_factory_impl.hpp"
+
+namespace WM {
+WEFTMAP_FOR_EACH_PIXEL_16(WEFTMAP_INSTANTIATE_TAPESTRY_FACTORY)
+}  // namespace WM
