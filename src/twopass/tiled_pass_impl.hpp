@@ -132,6 +132,9 @@ void TwoPassSynthesis<Compare>::TiledPass(int coarse_scale) {
             else
                 access.getInputPixels(result, tile.origin);
             access.safeSetOutputPixels(result, tile.origin);
+            // No recomposition reports this step's end; without it a job
+            // that ends with copies would never tell the host it is done.
+            updateProgress(1.0f);
             finish_step();
             continue;
         }

@@ -1,0 +1,85 @@
+#include <weftmap/frame/exceptions.hpp>
+#include <weftmap/twopass/tile_array.hpp>
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace WM {
+namespace {
+
+std::vector<std::ptrdiff_t> x_origins(TileArray const& grid) {
+    std::vector<std::ptrdiff_t> xs;
+    for (Tile const& t : grid.tiles)
+        if (t.row == 0) xs.push_back(t.origin.x);
+    return xs;
+}
+
+std::vector<std::ptrdiff_t> widths(TileArray const& grid) {
+    std::vector<std::ptrdiff_t> ws;
+    for (Tile const& t : grid.tiles)
+        if (t.row == 0) ws.push_back(t.size.x);
+    return ws;
+}
+
+TEST(TileArray, TilesOverlapByATenthAndTheLastIsCutWhereThePictureEnds) {
+    TileArray grid;
+    grid.InitTiles(Point(100, 100), Point(250, 150), 0.1f);
+    EXPECT_EQ(x_origins(grid), (std::vector<std::ptrdiff_t>{0, 90, 180}));
+    EXPECT_EQ(widths(grid), (std::vector<std::ptrdiff_t>{100, 100, 70}));
+    EXPECT_EQ(grid.rows, 2);
+    EXPECT_EQ(grid.cols, 3);
+    EXPECT_EQ(grid.GetSize(), 6);
+    EXPECT_EQ(grid.tiles[4].origin, Point(90, 90));
+    EXPECT_EQ(grid.tiles[4].size, Point(100, 60));
+    ASSERT_EQ(grid.order.size(), 6u);
+    for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(grid.order[i], &grid.tiles[i]);
+
+    // 180 + 10 < 200 still earns a third, 20-wide tile.
+    grid.InitTiles(Point(100, 100), Point(200, 100), 0.1f);
+    EXPECT_EQ(x_origins(grid), (std::vector<std::ptrdiff_t>{0, 90, 180}));
+    EXPECT_EQ(widths(grid), (std::vector<std::ptrdiff_t>{100, 100, 20}));
+    EXPECT_EQ(grid.GetSize(), 3) << "a new grid replaces the old one";
+
+    // No wider or taller than the overlap: no grid at all.
+    for (Point total : {Point(10, 500), Point(500, 10), Point(0, 0)}) {
+        grid.InitTiles(Point(100, 100), total, 0.1f);
+        EXPECT_EQ(grid.rows, 0);
+        EXPECT_EQ(grid.cols, 0);
+        EXPECT_EQ(grid.GetSize(), 0);
+        EXPECT_FALSE(grid.HasTile(0, 0));
+        EXPECT_TRUE(grid.begin() == grid.end());
+    }
+}
+
+TEST(TileArray, GetTileStridesByRowsAndSortOrdersOnlyTheVisitOrder) {
+    TileArray grid;
+    grid.InitTiles(Point(100, 100), Point(250, 150), 0.1f);  // 2 rows, 3 columns
+    Tile const& t = grid.GetTile(1, 0);
+    EXPECT_EQ(&t, &grid.tiles[2]);
+    EXPECT_EQ(t.row, 0);
+    EXPECT_EQ(t.col, 2);
+    EXPECT_TRUE(grid.HasTile(1, 2));
+    EXPECT_FALSE(grid.HasTile(2, 0));
+    EXPECT_FALSE(grid.HasTile(0, -1));
+    EXPECT_THROW(grid.GetTile(2, 2), Exception);  // 2 * 2 + 2 is past the last tile
+
+    int const priorities[] = {5, -3, 9, 0, 2, -7};
+    for (int i = 0; i < 6; ++i) grid.tiles[i].priority = priorities[i];
+    grid.Sort();
+    std::vector<int> visited;
+    for (TileIterator it = grid.begin(); it < grid.end(); ++it) visited.push_back(it->priority);
+    EXPECT_EQ(visited, (std::vector<int>{-7, -3, 0, 2, 5, 9}));
+    EXPECT_EQ(grid.tiles[0].priority, 5) << "the tiles themselves stay in row-major order";
+
+    // A copy visits its own tiles, in the same order.
+    TileArray copy = grid;
+    ASSERT_EQ(copy.order.size(), 6u);
+    for (std::size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(copy.order[i] - copy.tiles.data(), grid.order[i] - grid.tiles.data());
+        EXPECT_NE(copy.order[i], grid.order[i]);
+    }
+}
+
+}  // namespace
+}  // namespace WM
