@@ -1,6 +1,9 @@
-#include "image_file.hpp"
+#include "dispatch.hpp"
+#include "library_errors.hpp"
 
-#include "errors.hpp"
+#include <weftmap/host/errors.hpp>
+#include <weftmap/host/image_file.hpp>
+#include <weftmap/host/synthesis.hpp>
 
 #include <boost/gil/extension/io/jpeg.hpp>
 #include <boost/gil/extension/io/png.hpp>
@@ -19,7 +22,7 @@
 #include <sstream>
 #include <type_traits>
 
-namespace weftmap_tool {
+namespace WM::host {
 namespace {
 
 // The decoders print their own complaints on standard error; they are
@@ -89,25 +92,33 @@ std::string quoted(std::string const& path) {
     return "'" + path + "'";
 }
 
-// Warnings raised while standard error is captured, shown afterwards.
-std::vector<std::string> g_pending_warnings;
+// Warnings raised while standard error is captured, handed on afterwards.
+thread_local Warnings g_pending_warnings;
 
 [[noreturn]] void bad_input(std::string const& text) {
-    throw ToolError(exit_input, text);
+    throw Error(ErrorCode::invalid_input, text);
 }
 
-// Runs a decoder; its exceptions and complaints become one ToolError.
+void hand_on(Warnings const& found, Warnings* warnings) {
+    if (warnings != nullptr) warnings->insert(warnings->end(), found.begin(), found.end());
+}
+
+// Runs a decoder; its exceptions and complaints become one Error.
 template <class F>
-auto decode(std::string const& path, FileFormat format, F&& read) {
+auto decode(std::string const& path, FileFormat format, Warnings* warnings, F&& read) {
     StderrCapture capture;
+    g_pending_warnings.clear();
     try {
         auto result = read();
-        for (auto const& line : capture.finish()) warn(quoted(path) + ": " + line);
-        for (auto const& text : g_pending_warnings) warn(text);
+        Warnings found;
+        for (auto const& line : capture.finish()) found.push_back(quoted(path) + ": " + line);
+        found.insert(found.end(), g_pending_warnings.begin(), g_pending_warnings.end());
         g_pending_warnings.clear();
+        hand_on(found, warnings);
         return result;
-    } catch (ToolError const&) {
+    } catch (Error const&) {
         g_pending_warnings.clear();
+        capture.finish();
         throw;
     } catch (std::bad_alloc const&) {
         g_pending_warnings.clear();
@@ -162,89 +173,96 @@ using alpha_pixel_of =
 // `Convert` lets the reader convert colour (packed gray, YCbCr); it is used
 // only for files without alpha.
 template <class Pixel, class FilePixel, bool Convert, class Tag>
-AnyImage load(std::string const& path, gil::image_read_settings<Tag> const& settings) {
+Image load(std::string const& path, Size size, gil::image_read_settings<Tag> const& settings) {
     if constexpr (!gil::is_read_supported<FilePixel, Tag>::value ||
                   (Convert && !std::is_same_v<Pixel, FilePixel>)) {
         bad_input(quoted(path) + ": unsupported colour layout");
     } else {
-        FileImage<FilePixel> file;
-        if constexpr (Convert)
-            gil::read_and_convert_image(path, file, settings);
-        else
-            gil::read_image(path, file, settings);
+        // Decoded straight into a kit image, so the picture counts against
+        // the memory limit.
+        Image image(detail::format_of<Pixel>(), size);
+        auto const to = detail::packed_view<Pixel>(image.view());
         if constexpr (std::is_same_v<Pixel, FilePixel>) {
-            return AnyImage(std::move(file));
+            if constexpr (Convert)
+                gil::read_and_convert_view(path, to, settings);
+            else
+                gil::read_view(path, to, settings);
         } else {
             g_pending_warnings.push_back(quoted(path) + " has an alpha channel; it is ignored");
-            FileImage<Pixel> image(file.dimensions());
+            gil::image<FilePixel, false> file;
+            gil::read_image(path, file, settings);
             auto const from = gil::const_view(file);
-            auto const to = gil::view(image);
             for (std::ptrdiff_t y = 0; y < from.height(); ++y)
                 for (std::ptrdiff_t x = 0; x < from.width(); ++x)
-                    for (int c = 0; c < WM::num_channels_v<Pixel>; ++c) to(x, y)[c] = from(x, y)[c];
-            return AnyImage(std::move(image));
+                    for (int c = 0; c < num_channels_v<Pixel>; ++c) to(x, y)[c] = from(x, y)[c];
         }
+        return image;
     }
 }
 
 template <class Channel, bool Convert = false, class Tag>
-AnyImage load_as(std::string const& path, gil::image_read_settings<Tag> const& settings,
-                 Color color, bool alpha) {
+Image load_as(std::string const& path, Size size, gil::image_read_settings<Tag> const& settings,
+              Color color, bool alpha) {
     using Gray = pixel_of<Channel, gil::gray_t>;
     using Rgb = pixel_of<Channel, gil::rgb_t>;
     using Cmyk = pixel_of<Channel, gil::cmyk_t>;
     switch (color) {
         case Color::gray:
-            return alpha ? load<Gray, alpha_pixel_of<Channel, Color::gray>, Convert>(path, settings)
-                         : load<Gray, Gray, Convert>(path, settings);
+            return alpha ? load<Gray, alpha_pixel_of<Channel, Color::gray>, Convert>(path, size,
+                                                                                     settings)
+                         : load<Gray, Gray, Convert>(path, size, settings);
         case Color::rgb:
-            return alpha ? load<Rgb, alpha_pixel_of<Channel, Color::rgb>, Convert>(path, settings)
-                         : load<Rgb, Rgb, Convert>(path, settings);
+            return alpha ? load<Rgb, alpha_pixel_of<Channel, Color::rgb>, Convert>(path, size,
+                                                                                   settings)
+                         : load<Rgb, Rgb, Convert>(path, size, settings);
         case Color::cmyk:
-            return load<Cmyk, Cmyk, Convert>(path, settings);
+            return load<Cmyk, Cmyk, Convert>(path, size, settings);
     }
     bad_input(quoted(path) + ": unsupported colour layout");
 }
 
-AnyImage read_png(std::string const& path) {
+Image read_png(std::string const& path) {
     gil::image_read_settings<gil::png_tag> probe;
     probe._read_transparency_data = true;
     auto const info = gil::read_image_info(path, probe)._info;
     check_size(path, info._width, info._height);
+    Size const size{std::ptrdiff_t(info._width), std::ptrdiff_t(info._height)};
     bool const gray = (info._color_type & PNG_COLOR_MASK_COLOR) == 0;
     bool const alpha = (info._color_type & PNG_COLOR_MASK_ALPHA) != 0 || info._num_trans > 0;
     gil::image_read_settings<gil::png_tag> settings;
     settings._apply_screen_gamma = false;
     Color const color = gray ? Color::gray : Color::rgb;
-    if (info._bit_depth == 16) return load_as<std::uint16_t>(path, settings, color, alpha);
+    if (info._bit_depth == 16) return load_as<std::uint16_t>(path, size, settings, color, alpha);
     // Palettes and gray below 8 bits arrive as 8-bit pixels.
     if (gray && !alpha && info._bit_depth < 8)
-        return load_as<std::uint8_t, true>(path, settings, color, alpha);
-    return load_as<std::uint8_t>(path, settings, color, alpha);
+        return load_as<std::uint8_t, true>(path, size, settings, color, alpha);
+    return load_as<std::uint8_t>(path, size, settings, color, alpha);
 }
 
-AnyImage read_jpeg(std::string const& path) {
+Image read_jpeg(std::string const& path) {
     auto const info = gil::read_image_info(path, gil::jpeg_tag())._info;
     check_size(path, info._width, info._height);
+    Size const size{std::ptrdiff_t(info._width), std::ptrdiff_t(info._height)};
     gil::image_read_settings<gil::jpeg_tag> const settings;
     switch (info._color_space) {
         case JCS_GRAYSCALE:
-            return load_as<std::uint8_t>(path, settings, Color::gray, false);
+            return load_as<std::uint8_t>(path, size, settings, Color::gray, false);
         case JCS_RGB:
         case JCS_YCbCr:
-            return load_as<std::uint8_t, true>(path, settings, Color::rgb, false);
+            return load_as<std::uint8_t, true>(path, size, settings, Color::rgb, false);
         case JCS_CMYK:
         case JCS_YCCK:
-            return load_as<std::uint8_t, true>(path, settings, Color::cmyk, false);
+            return load_as<std::uint8_t, true>(path, size, settings, Color::cmyk, false);
         default:
             break;
     }
     bad_input(quoted(path) + ": unsupported JPEG colour space");
 }
 
-AnyImage read_tiff(std::string const& path) {
+Image read_tiff(std::string const& path) {
     auto const info = gil::read_image_info(path, gil::tiff_tag())._info;
     check_size(path, info._width, info._height);
+    Size const size{std::ptrdiff_t(info._width), std::ptrdiff_t(info._height)};
     int const samples = info._samples_per_pixel;
     int const bits = info._bits_per_sample;
     int const format = info._sample_format;
@@ -273,53 +291,30 @@ AnyImage read_tiff(std::string const& path) {
                   " samples per pixel do not fit its colour space");
     gil::image_read_settings<gil::tiff_tag> const settings;
     if (bits == 8 && format == SAMPLEFORMAT_UINT)
-        return load_as<std::uint8_t>(path, settings, color, alpha);
+        return load_as<std::uint8_t>(path, size, settings, color, alpha);
     if (bits == 16 && format == SAMPLEFORMAT_UINT)
-        return load_as<std::uint16_t>(path, settings, color, alpha);
+        return load_as<std::uint16_t>(path, size, settings, color, alpha);
     if (bits == 32 && format == SAMPLEFORMAT_IEEEFP)
-        return load_as<gil::float32_t>(path, settings, color, alpha);
+        return load_as<gil::float32_t>(path, size, settings, color, alpha);
     bad_input(quoted(path) + ": " + std::to_string(bits) + "-bit " +
               (format == SAMPLEFORMAT_IEEEFP ? "float" : "integer") +
               " samples are not supported (use 8-bit, 16-bit or 32-bit float)");
 }
 
-// Float channels are clamped to [0, 1] before a conversion to integers.
-struct ClampingConverter {
-    template <class Src, class Dst>
-    void operator()(Src const& src, Dst& dst) const {
-        if constexpr (WM::is_float_pixel_v<Src>) {
-            Src clamped = src;
-            for (int c = 0; c < WM::num_channels_v<Src>; ++c) {
-                float const v = clamped[c];
-                clamped[c] = std::isnan(v) ? 0.0f : std::clamp(v, 0.0f, 1.0f);
-            }
-            gil::default_color_converter()(clamped, dst);
-        } else {
-            gil::default_color_converter()(src, dst);
-        }
+// The nearest pixel format each file format holds.
+PixelFormat file_pixel_format(FileFormat file, PixelFormat format) {
+    switch (file) {
+        case FileFormat::tiff:
+            break;
+        case FileFormat::png:
+            if (format.depth == Depth::f32) format.depth = Depth::u16;
+            if (format.colour == Colour::cmyk) format.colour = Colour::rgb;
+            break;
+        case FileFormat::jpeg:
+            format.depth = Depth::u8;
+            break;
     }
-};
-
-template <class Pixel>
-std::string describe_pixel() {
-    using Channel = WM::channel_base_t<Pixel>;
-    std::string const depth = std::is_floating_point_v<Channel> ? "float"
-                              : sizeof(Channel) == 1            ? "8-bit"
-                                                                : "16-bit";
-    constexpr int channels = WM::num_channels_v<Pixel>;
-    return depth + (channels == 1 ? " gray" : channels == 3 ? " RGB" : " CMYK");
-}
-
-template <class Target, class View, class Write>
-std::string write_as(View const& view, Write&& write) {
-    if constexpr (std::is_same_v<typename View::value_type, Target>) {
-        write(view);
-    } else {
-        FileImage<Target> image(view.dimensions());
-        gil::copy_and_convert_pixels(view, gil::view(image), ClampingConverter());
-        write(gil::const_view(image));
-    }
-    return describe_pixel<Target>();
+    return format;
 }
 
 // Some releases of the PNG writer store 16-bit samples in the machine's byte
@@ -338,16 +333,15 @@ bool png_writer_keeps_native_order() {
     return native;
 }
 
-template <class View>
-void write_png(std::string const& path, View const& view) {
-    using Pixel = typename View::value_type;
-    if constexpr (sizeof(WM::channel_base_t<Pixel>) == 2) {
+template <class Pixel>
+void write_png(std::string const& path, ConstView<Pixel> const& view) {
+    if constexpr (sizeof(channel_base_t<Pixel>) == 2) {
         if (png_writer_keeps_native_order()) {
             // Swapped here, the samples reach the file big-endian.
-            FileImage<Pixel> swapped(view.dimensions());
+            gil::image<Pixel, false> swapped(view.dimensions());
             gil::copy_pixels(view, gil::view(swapped));
             for (auto& p : gil::view(swapped))
-                for (int c = 0; c < WM::num_channels_v<Pixel>; ++c)
+                for (int c = 0; c < num_channels_v<Pixel>; ++c)
                     p[c] = static_cast<std::uint16_t>((p[c] >> 8) | (p[c] << 8));
             gil::write_view(path, gil::const_view(swapped), gil::png_tag());
             return;
@@ -356,29 +350,27 @@ void write_png(std::string const& path, View const& view) {
     gil::write_view(path, view, gil::png_tag());
 }
 
-template <class Pixel>
-std::string write_pixels(std::string const& path, FileFormat format,
-                         WM::ConstView<Pixel> const& view) {
-    using Channel = typename gil::channel_type<Pixel>::type;
-    using ColorSpace = typename gil::color_space_type<Pixel>::type;
-    switch (format) {
-        case FileFormat::tiff:
-            return write_as<Pixel>(
-                view, [&](auto const& v) { gil::write_view(path, v, gil::tiff_tag()); });
-        case FileFormat::png: {
-            using PngChannel =
-                std::conditional_t<WM::is_float_pixel_v<Pixel>, std::uint16_t, Channel>;
-            using PngColor =
-                std::conditional_t<std::is_same_v<ColorSpace, gil::cmyk_t>, gil::rgb_t, ColorSpace>;
-            return write_as<pixel_of<PngChannel, PngColor>>(
-                view, [&](auto const& v) { write_png(path, v); });
+// `view` is packed and of a format `file` holds.
+void write_pixels(std::string const& path, FileFormat file, ConstImageView const& view) {
+    detail::visit_format(view.format, [&](auto tag) {
+        using Pixel = typename decltype(tag)::type;
+        auto const typed = detail::packed_view<Pixel>(view);
+        switch (file) {
+            case FileFormat::tiff:
+                gil::write_view(path, typed, gil::tiff_tag());
+                break;
+            case FileFormat::png:
+                if constexpr (!is_float_pixel_v<Pixel> &&
+                              !std::is_same_v<typename gil::color_space_type<Pixel>::type,
+                                              gil::cmyk_t>)
+                    write_png(path, typed);
+                break;
+            case FileFormat::jpeg:
+                if constexpr (sizeof(channel_base_t<Pixel>) == 1)
+                    gil::write_view(path, typed, gil::image_write_info<gil::jpeg_tag>(95));
+                break;
         }
-        case FileFormat::jpeg:
-            return write_as<pixel_of<std::uint8_t, ColorSpace>>(view, [&](auto const& v) {
-                gil::write_view(path, v, gil::image_write_info<gil::jpeg_tag>(95));
-            });
-    }
-    return {};
+    });
 }
 
 }  // namespace
@@ -395,10 +387,10 @@ char const* format_name(FileFormat format) {
     return "?";
 }
 
-ImageFile read_image_file(std::string const& path) {
+ImageFile read_image_file(std::string const& path, Warnings* warnings) {
     TIFFSetErrorHandlerExt(print_tiff_error);
     FileFormat const format = sniff_format(path);
-    return decode(path, format, [&] {
+    return decode(path, format, warnings, [&] {
         switch (format) {
             case FileFormat::png:
                 return ImageFile{read_png(path), format};
@@ -411,33 +403,11 @@ ImageFile read_image_file(std::string const& path) {
     });
 }
 
-MaskImage read_mask_file(std::string const& path) {
-    ImageFile const file = read_image_file(path);
-    MaskImage mask(dimensions(file.image));
-    auto const to = gil::view(mask);
-    std::visit(
-        [&](auto const& image) {
-            using Pixel = typename std::decay_t<decltype(image)>::value_type;
-            using Channel = WM::channel_base_t<Pixel>;
-            double const top = std::is_floating_point_v<Channel>
-                                   ? 1.0
-                                   : double(std::numeric_limits<Channel>::max());
-            auto const from = gil::const_view(image);
-            for (std::ptrdiff_t y = 0; y < from.height(); ++y)
-                for (std::ptrdiff_t x = 0; x < from.width(); ++x) {
-                    double value = 0.0;
-                    for (int c = 0; c < WM::num_channels_v<Pixel>; ++c)
-                        value = std::max(value, double(WM::channel_value(from(x, y), c)));
-                    double const scaled = std::clamp(value / top, 0.0, 1.0) * 255.0 + 0.5;
-                    int const byte = value > 0.0 ? std::max(int(scaled), 1) : 0;
-                    to(x, y) = WM::gray8_pixel_t(static_cast<unsigned char>(byte));
-                }
-        },
-        file.image);
-    return mask;
+Image read_mask_file(std::string const& path, Warnings* warnings) {
+    return make_mask(read_image_file(path, warnings).image.view());
 }
 
-FileFormat output_format(std::string const& path, FileFormat fallback) {
+std::optional<FileFormat> format_for_name(std::string const& path, FileFormat fallback) {
     std::size_t const slash = path.find_last_of('/');
     std::string const name = slash == std::string::npos ? path : path.substr(slash + 1);
     std::size_t const dot = name.find_last_of('.');
@@ -447,42 +417,34 @@ FileFormat output_format(std::string const& path, FileFormat fallback) {
     if (extension == "png") return FileFormat::png;
     if (extension == "jpg" || extension == "jpeg") return FileFormat::jpeg;
     if (extension == "tif" || extension == "tiff") return FileFormat::tiff;
-    throw ToolError(exit_usage, quoted(path) + ": unknown output type '." + extension +
-                                    "'; use .png, .jpg or .tif (no extension keeps the " +
-                                    "input's format)");
+    return std::nullopt;
 }
 
 std::string write_image_file(std::string const& path, std::string const& shown_name,
-                             FileFormat format, AnyConstView const& view) {
+                             FileFormat format, ConstImageView const& view, Warnings* warnings) {
     TIFFSetErrorHandlerExt(print_tiff_error);
+    PixelFormat const pixels = file_pixel_format(format, view.format);
+    // Converted (or packed) first, outside the capture: running out of
+    // memory here is no write error.
+    Image converted_pixels;
+    ConstImageView packed = view;
+    if (pixels != view.format || view.pixel_stride != pixels.pixel_bytes() ||
+        view.row_stride != view.width * pixels.pixel_bytes()) {
+        converted_pixels = converted(view, pixels);
+        packed = converted_pixels.view();
+    }
     StderrCapture capture;
     try {
-        std::string const written = std::visit(
-            [&](auto const& v) {
-                using Pixel = typename std::decay_t<decltype(v)>::value_type;
-                return write_pixels<Pixel>(path, format, v);
-            },
-            view);
-        for (auto const& line : capture.finish()) warn(quoted(shown_name) + ": " + line);
-        return written + " " + format_name(format);
+        write_pixels(path, format, packed);
+        Warnings found;
+        for (auto const& line : capture.finish()) found.push_back(quoted(shown_name) + ": " + line);
+        hand_on(found, warnings);
+        return format_name(pixels) + " " + format_name(format);
     } catch (std::exception const& e) {
         auto const lines = capture.finish();
-        throw ToolError(exit_output, "cannot write " + quoted(shown_name) + ": " +
-                                         (lines.empty() ? reason_of(e) : lines.back()));
+        throw Error(ErrorCode::output_failed, "cannot write " + quoted(shown_name) + ": " +
+                                                  (lines.empty() ? reason_of(e) : lines.back()));
     }
 }
 
-void copy_to_rgb8(AnyConstView const& from, WM::View<WM::rgb8_pixel_t> const& to) {
-    std::visit([&](auto const& v) { gil::copy_and_convert_pixels(v, to, ClampingConverter()); },
-               from);
-}
-
-WM::Point dimensions(AnyImage const& image) {
-    return std::visit([](auto const& i) { return WM::Point(i.dimensions()); }, image);
-}
-
-AnyConstView const_view_of(AnyImage const& image) {
-    return std::visit([](auto const& i) { return AnyConstView(gil::const_view(i)); }, image);
-}
-
-}  // namespace weftmap_tool
+}  // namespace WM::host

@@ -2,14 +2,16 @@
 // only when complete, so that a failed or cancelled run leaves no file.
 #pragma once
 
+#include <weftmap/host/export.hpp>
+
 #include <string>
 
-namespace weftmap_tool {
+namespace WM::host {
 
-class OutputFile {
+class WEFTMAP_HOST_API OutputFile {
 public:
     // Creates the temporary file at once, so that an unwritable place fails
-    // before any work. Throws ToolError (exit_output).
+    // before any work. Throws Error (output_failed).
     explicit OutputFile(std::string path);
     // Removes the temporary file unless committed.
     ~OutputFile();
@@ -27,4 +29,4 @@ private:
     bool committed_ = false;
 };
 
-}  // namespace weftmap_tool
+}  // namespace WM::host

@@ -1,0 +1,9 @@
+// Everything a host needs from the Weftmap host kit.
+#pragma once
+
+#include <weftmap/host/errors.hpp>
+#include <weftmap/host/export.hpp>
+#include <weftmap/host/image.hpp>
+#include <weftmap/host/options.hpp>
+#include <weftmap/host/runtime.hpp>
+#include <weftmap/host/synthesis.hpp>

@@ -1,0 +1,70 @@
+// How a host asks for a run: one options structure shared by every entry
+// point of the kit, with progress reporting and a cancel flag.
+#pragma once
+
+#include <weftmap/host/export.hpp>
+#include <weftmap/host/image.hpp>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace WM::host {
+
+// The parameter presets of the recomposer.
+enum class Mode { hole_fill, general, tapestry };
+
+// "hole-fill", "default", "tapestry".
+WEFTMAP_HOST_API char const* mode_name(Mode mode);
+WEFTMAP_HOST_API std::optional<Mode> parse_mode(std::string_view name);
+
+// How patches are compared: plain differences, or with a per-patch gain and
+// bias correction.
+enum class Comparator { translate, gain_bias };
+
+// "translate", "gain-bias".
+WEFTMAP_HOST_API char const* comparator_name(Comparator comparator);
+WEFTMAP_HOST_API std::optional<Comparator> parse_comparator(std::string_view name);
+
+// Raised from any thread, or from a signal handler, to stop a run; the run
+// then throws Error (cancelled) within about a second.
+class CancelFlag {
+public:
+    void request() noexcept { requested_.store(true, std::memory_order_relaxed); }
+    bool requested() const noexcept { return requested_.load(std::memory_order_relaxed); }
+    void reset() noexcept { requested_.store(false, std::memory_order_relaxed); }
+
+private:
+    std::atomic<bool> requested_{false};
+    static_assert(std::atomic<bool>::is_always_lock_free);
+};
+
+struct Options {
+    // Unset: hole-fill for fills, tapestry for retargeting.
+    std::optional<Mode> mode;
+    Comparator comparator = Comparator::translate;
+    // Recomposer option strings, "-em_iters" -> "8", "-no_minnn" -> "".
+    std::map<std::string, std::string> recomposer_options;
+    // Unset: the library's fixed seed; 0 seeds from the clock.
+    std::optional<long long> seed;
+    // Bytes of image memory for the whole process (the library's limit is
+    // process-wide); unset leaves the limit as it is.
+    std::optional<unsigned long long> memory_limit;
+    // Where patches may be taken from: a mask of the picture's size,
+    // non-zero where sampling is allowed. Unset: everywhere outside the hole.
+    std::optional<ConstImageView> sample;
+    // Horizontal bands of the correspondence search, process-wide; -1 gives
+    // one per core. With one band a run is reproducible.
+    int bands = -1;
+    // Scalar patch kernels instead of the vector ones (same results).
+    bool scalar_kernels = false;
+    // Fractions from 0 to 1, on the calling thread. An exception thrown from
+    // it cancels the run and comes out of the entry point as it is.
+    std::function<void(float)> progress;
+    CancelFlag const* cancel = nullptr;
+};
+
+}  // namespace WM::host

@@ -1,0 +1,27 @@
+// Hole filling and retargeting of pictures that fit in memory, for any of
+// the nine pixel formats, chosen at run time. The caller's pixels and masks
+// are never written.
+#pragma once
+
+#include <weftmap/host/export.hpp>
+#include <weftmap/host/image.hpp>
+#include <weftmap/host/options.hpp>
+
+namespace WM::host {
+
+// Sides of pictures, masks and new sizes: the library's field positions
+// are 16-bit.
+inline constexpr std::ptrdiff_t max_side = 65535;
+
+// Fills the hole (an 8-bit gray mask of the picture's size, non-zero = hole,
+// partial values passed on) with material from the rest of the picture.
+// An empty hole gives a copy. Throws Error.
+WEFTMAP_HOST_API Image fill(ConstImageView const& image, ConstImageView const& hole,
+                            Options const& options = {});
+
+// A picture of `size` that keeps the texture and objects of `image` at
+// their scale instead of stretching them. Throws Error.
+WEFTMAP_HOST_API Image retarget(ConstImageView const& image, Size size,
+                                Options const& options = {});
+
+}  // namespace WM::host

@@ -1,0 +1,188 @@
+// The kit's fill and retarget: every format, no writes to the caller's
+// pixels, strides, sampling areas, and each failure as its code.
+#include "host/kit_helpers.hpp"
+
+#include <weftmap/host/errors.hpp>
+#include <weftmap/host/runtime.hpp>
+#include <weftmap/host/synthesis.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+namespace WM::host::test {
+namespace {
+
+PixelFormat const rgb8{Depth::u8, Colour::rgb};
+
+// Reproducible runs: one search band and a fixed seed.
+Options fixed_options() {
+    Options options;
+    options.bands = 1;
+    options.seed = 5;
+    return options;
+}
+
+bool known_pixels_kept(ConstImageView const& input, ConstImageView const& hole,
+                       ConstImageView const& output) {
+    int const bytes = input.format.pixel_bytes();
+    for (std::ptrdiff_t y = 0; y < input.height; ++y)
+        for (std::ptrdiff_t x = 0; x < input.width; ++x)
+            if (*hole.pixel(x, y) == 0 &&
+                std::memcmp(input.pixel(x, y), output.pixel(x, y), bytes) != 0)
+                return false;
+    return true;
+}
+
+template <class Pixel>
+class KitFill : public ::testing::Test {};
+TYPED_TEST_SUITE(KitFill, NinePixels);
+
+TYPED_TEST(KitFill, KeepsKnownPixelsAndNeverWritesItsInputs) {
+    PixelFormat const format = FormatOf<TypeParam>::value;
+    Image const image = texture(format, {40, 32});
+    Image const hole = disc_mask({40, 32}, 20, 15, 6);
+    Image const image_before = image.clone(), hole_before = hole.clone();
+    for (Comparator comparator : {Comparator::translate, Comparator::gain_bias}) {
+        Options options = fixed_options();
+        options.comparator = comparator;
+        Image const result = fill(image.view(), hole.view(), options);
+        ASSERT_EQ(result.format(), format);
+        ASSERT_EQ(result.size(), image.size());
+        EXPECT_TRUE(known_pixels_kept(image.view(), hole.view(), result.view()));
+        // The periodic texture is continued into the hole. (The gain/bias
+        // patch transform clamps at 255 for every depth, which spoils
+        // 16-bit pictures, so only the plain comparator is judged.)
+        if (comparator == Comparator::translate)
+            EXPECT_GT(WM::test::psnr_where(detail::packed_view<TypeParam>(image.view()),
+                                           detail::packed_view<TypeParam>(result.view()),
+                                           detail::packed_view<gray8_pixel_t>(hole.view())),
+                      20.0);
+    }
+    EXPECT_TRUE(same_pixels(image.view(), image_before.view()));
+    EXPECT_TRUE(same_pixels(hole.view(), hole_before.view()));
+}
+
+TEST(KitSynthesis, StridedInputGivesTheSameFillAsItsPackedCopy) {
+    // The picture is every other column of a wider one, bottom row first.
+    Image const wide = texture(rgb8, {96, 40});
+    ConstImageView const w = wide.view();
+    ConstImageView const slice(w.pixel(0, 39), rgb8, 48, 40, -w.row_stride, 2 * w.pixel_stride);
+    Image const hole = disc_mask({48, 40}, 24, 20, 6);
+    Image const packed = Image::copy_of(slice);
+    Image const a = fill(slice, hole.view(), fixed_options());
+    Image const b = fill(packed.view(), hole.view(), fixed_options());
+    EXPECT_TRUE(same_pixels(a.view(), b.view()));
+    EXPECT_TRUE(same_pixels(wide.view(), texture(rgb8, {96, 40}).view()));
+}
+
+TEST(KitSynthesis, SamplingAreaIsWhereTheFillTakesItsPatchesFrom) {
+    // Left half red, right half blue, the hole deep in the blue half. With
+    // only the red half to sample from, the hole turns red.
+    Size const size{64, 40};
+    Image image(rgb8, size);
+    Image sample(mask_format, size);
+    for (std::ptrdiff_t y = 0; y < size.height; ++y)
+        for (std::ptrdiff_t x = 0; x < size.width; ++x) {
+            bool const left = x < size.width / 2;
+            image.view().pixel(x, y)[left ? 0 : 2] = 200;
+            *sample.view().pixel(x, y) = left ? 255 : 0;
+        }
+    Image const hole = disc_mask(size, 48, 20, 5);
+    Options options = fixed_options();
+    options.sample = sample.view();
+    Image const result = fill(image.view(), hole.view(), options);
+    unsigned char const* centre = result.view().pixel(48, 20);
+    EXPECT_GT(centre[0], 150);
+    EXPECT_LT(centre[2], 50);
+    // Without it, the blue around the hole fills it.
+    Image const plain = fill(image.view(), hole.view(), fixed_options());
+    EXPECT_GT(plain.view().pixel(48, 20)[2], 150);
+}
+
+TEST(KitSynthesis, RetargetGivesTheAskedSizeAndAnEmptyHoleACopy) {
+    Image const image = texture(rgb8, {48, 36});
+    Image const narrow = retarget(image.view(), {36, 36}, fixed_options());
+    EXPECT_EQ(narrow.size(), (Size{36, 36}));
+    EXPECT_EQ(narrow.format(), rgb8);
+    Image const none(mask_format, image.size());
+    EXPECT_TRUE(same_pixels(fill(image.view(), none.view()).view(), image.view()));
+}
+
+ErrorCode code_of(std::function<void()> const& run) {
+    try {
+        run();
+    } catch (Error const& e) {
+        return e.code();
+    }
+    ADD_FAILURE() << "no error";
+    return ErrorCode::internal;
+}
+
+TEST(KitSynthesis, EachFailureComesOutWithItsCode) {
+    Image const image = texture(rgb8, {48, 36});
+    Image const hole = disc_mask({48, 36}, 24, 18, 5);
+    Image const small_hole = disc_mask({40, 36}, 20, 18, 5);
+    EXPECT_EQ(code_of([&] { fill(image.view(), small_hole.view()); }), ErrorCode::invalid_input);
+    EXPECT_EQ(code_of([&] { fill(image.view(), image.view()); }), ErrorCode::invalid_input);
+    EXPECT_EQ(code_of([&] {
+                  fill(Image(rgb8, {0, 5}).view(), Image().view());
+              }),
+              ErrorCode::invalid_input);
+    EXPECT_EQ(code_of([&] { retarget(image.view(), {0, 10}); }), ErrorCode::invalid_input);
+
+    Image all(mask_format, image.size());
+    std::memset(all.view().data, 255, 48 * 36);
+    EXPECT_EQ(code_of([&] { fill(image.view(), all.view(), fixed_options()); }),
+              ErrorCode::hole_too_large);
+
+    // A value the library refuses names the library's message.
+    Options bad = fixed_options();
+    bad.recomposer_options["-coarse_size"] = "0";
+    try {
+        fill(image.view(), hole.view(), bad);
+        FAIL() << "no error";
+    } catch (Error const& e) {
+        EXPECT_EQ(e.code(), ErrorCode::invalid_input);
+        EXPECT_EQ(e.library_message().rfind("WEFTMAP_INVALID_PARAMETERS", 0), 0u);
+    }
+
+    unsigned long long const limit = memory_limit();
+    Options tight = fixed_options();
+    tight.memory_limit = memory_in_use() + 20000;
+    EXPECT_EQ(code_of([&] { fill(image.view(), hole.view(), tight); }), ErrorCode::memory_limit);
+    set_memory_limit(limit);
+}
+
+TEST(KitSynthesis, CancelFromAnotherThreadAndCallbackFailuresStopTheRun) {
+    Image const image = texture(rgb8, {160, 120});
+    Image const hole = disc_mask({160, 120}, 80, 60, 30);
+    unsigned long long const held = memory_in_use();
+    Options options = fixed_options();
+    options.recomposer_options["-em_iters"] = "200";
+    CancelFlag cancel;
+    options.cancel = &cancel;
+    std::atomic<bool> started{false};
+    options.progress = [&](float) { started = true; };
+    std::thread canceller([&] {
+        while (!started) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        cancel.request();
+    });
+    EXPECT_EQ(code_of([&] { fill(image.view(), hole.view(), options); }), ErrorCode::cancelled);
+    canceller.join();
+
+    // The host's own exception comes out of the run as it is.
+    options.cancel = nullptr;
+    options.progress = [](float f) {
+        if (f > 0.0f) throw std::domain_error("stop here");
+    };
+    EXPECT_THROW(fill(image.view(), hole.view(), options), std::domain_error);
+    EXPECT_EQ(memory_in_use(), held);
+}
+
+}  // namespace
+}  // namespace WM::host::test
