@@ -4,9 +4,8 @@
 #include <weftmap/image/resample.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
 
-#if defined(WEFTMAP_BENCH_PHOTO)
-#include "image_file.hpp"
-#endif
+#include <weftmap/host/image.hpp>
+#include <weftmap/host/image_file.hpp>
 
 #include <benchmark/benchmark.h>
 
@@ -48,19 +47,18 @@ RecycledImage<gray8_pixel_t> irregular_hole(Point const& size, unsigned seed) {
     return hole;
 }
 
-// The embedded photograph scaled to `size`, or a generated picture when the
-// file readers are not built.
+// The embedded photograph scaled to `size`.
 RecycledImage<Pixel> photograph(Point const& size) {
-#if defined(WEFTMAP_BENCH_PHOTO)
-    auto const file = weftmap_tool::read_image_file(WEFTMAP_BENCH_PHOTO);
-    RecycledImage<Pixel> original(weftmap_tool::dimensions(file.image));
-    weftmap_tool::copy_to_rgb8(weftmap_tool::const_view_of(file.image), view(original));
+    auto const file = host::read_image_file(WEFTMAP_BENCH_PHOTO);
+    auto const rgb = host::converted(file.image.view(), {host::Depth::u8, host::Colour::rgb});
+    RecycledImage<Pixel> original(Point(rgb.width(), rgb.height()));
+    gil::copy_pixels(gil::interleaved_view(rgb.width(), rgb.height(),
+                                           reinterpret_cast<Pixel const*>(rgb.view().data),
+                                           rgb.view().row_stride),
+                     view(original));
     RecycledImage<Pixel> scaled;
     resample<Pixel>(const_view(original), scaled, size, ResampleBilinear, -1);
     return scaled;
-#else
-    return synthetic_image<Pixel>(size.x, size.y, 7);
-#endif
 }
 
 // Times `run(recomposer, source, hole, output)` on fresh copies of `picture`

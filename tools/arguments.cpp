@@ -90,10 +90,9 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
     }
     if (command == "fill")
         a.command = Command::fill;
-    else if (command == "retarget") {
+    else if (command == "retarget")
         a.command = Command::retarget;
-        a.mode = WM::RecomposerModeTapestry;
-    } else
+    else
         bad("unknown command '" + command + "'");
 
     bool options_done = false;
@@ -128,28 +127,19 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
 
         if (arg == "--mode") {
             std::string const v = value();
-            if (v == "hole-fill")
-                a.mode = WM::RecomposerModeHoleFill;
-            else if (v == "default")
-                a.mode = WM::RecomposerModeDefault;
-            else if (v == "tapestry")
-                a.mode = WM::RecomposerModeTapestry;
-            else
-                bad("--mode must be hole-fill, default or tapestry, got '" + v + "'");
+            a.mode = WM::host::parse_mode(v);
+            if (!a.mode) bad("--mode must be hole-fill, default or tapestry, got '" + v + "'");
         } else if (arg == "--comparator") {
             std::string const v = value();
-            if (v == "translate")
-                a.comparator = Comparator::translate;
-            else if (v == "gain-bias")
-                a.comparator = Comparator::gain_bias;
-            else
-                bad("--comparator must be translate or gain-bias, got '" + v + "'");
+            auto const comparator = WM::host::parse_comparator(v);
+            if (!comparator) bad("--comparator must be translate or gain-bias, got '" + v + "'");
+            a.comparator = *comparator;
         } else if (arg == "--set") {
             add_option(a.options, value());
         } else if (arg == "--seed") {
-            a.options["-rand"] = std::to_string(parse_whole(arg, value(), 0, 2147483647));
+            a.seed = parse_whole(arg, value(), 0, 2147483647);
         } else if (arg == "--threads") {
-            a.threads = parse_whole(arg, value(), 1, 1024);
+            a.threads = static_cast<int>(parse_whole(arg, value(), 1, 1024));
         } else if (arg == "--scalar") {
             no_value();
             a.scalar = true;

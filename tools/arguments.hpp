@@ -1,7 +1,7 @@
 // The command line of the weftmap host: subcommand, files and options.
 #pragma once
 
-#include <weftmap/recomposer/parameters.hpp>
+#include <weftmap/host/options.hpp>
 
 #include <map>
 #include <optional>
@@ -11,19 +11,20 @@
 namespace weftmap_tool {
 
 enum class Command { help, version, fill, retarget };
-enum class Comparator { translate, gain_bias };
 
 struct Arguments {
     Command command = Command::help;
     // fill: IMAGE MASK OUTPUT; retarget: IMAGE OUTPUT.
     std::vector<std::string> files;
 
-    WM::RecomposerMode mode = WM::RecomposerModeHoleFill;
-    Comparator comparator = Comparator::translate;
+    // Unset: the kit's choice for the command.
+    std::optional<WM::host::Mode> mode;
+    WM::host::Comparator comparator = WM::host::Comparator::translate;
     // Handed to the recomposer's setParameters as they stand.
     std::map<std::string, std::string> options;
+    std::optional<long long> seed;
     // Search bands; -1 lets the library choose.
-    long long threads = -1;
+    int threads = -1;
     bool scalar = false;
     std::optional<unsigned long long> memory_limit;
     bool checksums = false;

@@ -6,12 +6,14 @@
 namespace weftmap_tool {
 namespace {
 
-// Lock-free, so the handler may store into it.
+// Lock-free, so the handler may store into them.
 std::atomic<int> g_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free);
+WM::host::CancelFlag g_cancel;
 
 extern "C" void on_signal(int signal) {
     g_signal.store(signal, std::memory_order_relaxed);
+    g_cancel.request();
 }
 
 }  // namespace
@@ -26,8 +28,12 @@ void install_interrupt_handlers() {
     sigaction(SIGTERM, &action, nullptr);
 }
 
+WM::host::CancelFlag const& interrupt_flag() {
+    return g_cancel;
+}
+
 bool interrupt_requested() {
-    return g_signal.load(std::memory_order_relaxed) != 0;
+    return g_cancel.requested();
 }
 
 int interrupt_signal() {

@@ -1,12 +1,17 @@
-// Ctrl-C (SIGINT) and SIGTERM become a request to stop that the library
-// polls through checkAbort; the run then unwinds and removes its files.
+// Ctrl-C (SIGINT) and SIGTERM raise the kit's cancel flag, which the library
+// polls; the run then unwinds and removes its files.
 #pragma once
+
+#include <weftmap/host/options.hpp>
 
 namespace weftmap_tool {
 
 // Installs the handlers. A second signal of the same kind ends the
 // process at once.
 void install_interrupt_handlers();
+
+// Raised by the first signal; hand it to every run.
+WM::host::CancelFlag const& interrupt_flag();
 
 // True once a signal asked to stop. Safe from any thread.
 bool interrupt_requested();

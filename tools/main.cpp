@@ -1,20 +1,27 @@
-// weftmap: the command-line host of the Weftmap library.
+// weftmap: the command-line host of the Weftmap library, on the host kit.
 #include "arguments.hpp"
 #include "errors.hpp"
-#include "host_client.hpp"
 #include "interrupt.hpp"
 #include "synthesis.hpp"
 
-#include <weftmap/weftmap.hpp>
+#include <weftmap/frame/debug_output.hpp>
+#include <weftmap/host.hpp>
 
 #include <cstdio>
-#include <cstring>
 #include <new>
 #include <string>
 #include <vector>
 
 namespace weftmap_tool {
 namespace {
+
+namespace host = WM::host;
+
+class StderrChannel : public WM::DebugChannel {
+public:
+    void Write(char const* text) override { std::fputs(text, stderr); }
+    void Flush() override { std::fflush(stderr); }
+};
 
 int fail(int status, std::string const& text) {
     std::fprintf(stderr, "weftmap: %s\n", text.c_str());
@@ -25,8 +32,25 @@ int cancelled() {
     return fail(128 + interrupt_signal(), "cancelled; no output written");
 }
 
-bool starts_with(char const* text, char const* prefix) {
-    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+// The kit's failures as exit statuses.
+int fail(host::Error const& e) {
+    switch (e.code()) {
+        case host::ErrorCode::cancelled:
+            return cancelled();
+        case host::ErrorCode::hole_too_large:
+            return fail(exit_hole_too_large, e.what());
+        case host::ErrorCode::memory_limit:
+            return fail(exit_memory_limit, std::string(e.what()) + " (raise --memory-limit)");
+        case host::ErrorCode::output_failed:
+            return fail(exit_output, e.what());
+        case host::ErrorCode::invalid_input:
+            // A value the library refused is the library's failure; one the
+            // kit refused is the input's.
+            return fail(e.library_message().empty() ? exit_input : exit_library, e.what());
+        case host::ErrorCode::internal:
+            break;
+    }
+    return fail(exit_library, e.what());
 }
 
 int run(Arguments const& args) {
@@ -37,24 +61,9 @@ int run(Arguments const& args) {
     } catch (ToolError const& e) {
         if (interrupt_requested()) return cancelled();
         return fail(e.status, e.what());
-    } catch (WM::Exception const& e) {
-        if (interrupt_requested() || starts_with(e.message, "WEFTMAP_USER_CANCELED"))
-            return cancelled();
-        if (dynamic_cast<WM::ExceptionNotEnoughPatches const*>(&e) != nullptr ||
-            starts_with(e.message, "WEFTMAP_HOLE_TOO_LARGE"))
-            return fail(exit_hole_too_large,
-                        "the hole is too large: too little of the picture is left outside it to "
-                        "take patches from (make the hole smaller or give it more surroundings)");
-        if (dynamic_cast<WM::ExceptionMemoryLimit const*>(&e) != nullptr)
-            return fail(exit_memory_limit,
-                        "the memory limit of " +
-                            std::to_string(WM::BaseLimitedByteMemoryAllocator::getLimit()) +
-                            " bytes is too small for this picture (raise --memory-limit)");
-        return fail(exit_library, std::string("the library failed: ") + e.message);
-    } catch (WM::locked_recycled_image_error const& e) {
-        return fail(exit_library, std::string("the library failed: ") + e.what());
-    } catch (WM::bounds_exception_t const& e) {
-        return fail(exit_library, std::string("the library failed: ") + e.what());
+    } catch (host::Error const& e) {
+        if (interrupt_requested()) return cancelled();
+        return fail(e);
     } catch (std::bad_alloc const&) {
         if (interrupt_requested()) return cancelled();
         return fail(exit_memory_limit, "out of memory for this picture");
@@ -80,24 +89,18 @@ int main(int argc, char** argv) {
         std::fputs(usage_text(), stdout);
         return exit_ok;
     }
+    if (args.command == Command::version) {
+        std::printf("weftmap %s\n", WM::host::library_version().c_str());
+        return exit_ok;
+    }
 
-    HostClient client;
-    client.threadCount = args.threads;
-    client.useVectorKernels = args.scalar ? 0 : 1;
     StderrChannel channel;
     channel.channelName = "weftmap";
     channel.checksumsEnabled = args.checksums;
-    WM::DebugOutput debug(&channel);
-    if (args.checksums) client.debug = &debug;
-    WM::Initialize(&client);
-
-    if (args.command == Command::version) {
-        int built = 0, running = 0;
-        unsigned const version = WM::GetVersions(built, running);
-        std::printf("weftmap %u.%u.%u\n", version >> 16, (version >> 8) & 0xFF, version & 0xFF);
-        return exit_ok;
-    }
-    if (args.memory_limit) WM::BaseLimitedByteMemoryAllocator::setLimit(*args.memory_limit);
+    if (args.checksums) WM::host::set_diagnostic_channel(&channel);
+    if (args.memory_limit) WM::host::set_memory_limit(*args.memory_limit);
     install_interrupt_handlers();
-    return run(args);
+    int const status = run(args);
+    WM::host::set_diagnostic_channel(nullptr);
+    return status;
 }

@@ -1,16 +1,12 @@
 #include "synthesis.hpp"
 
 #include "errors.hpp"
-#include "host_client.hpp"
-#include "image_file.hpp"
 #include "interrupt.hpp"
-#include "output_file.hpp"
 #include "progress.hpp"
 
-#include <weftmap/recomposer/recomposer.hpp>
-
-#include <boost/gil/algorithm.hpp>
-#include <boost/gil/image_view_factory.hpp>
+#include <weftmap/host/image_file.hpp>
+#include <weftmap/host/output_file.hpp>
+#include <weftmap/host/synthesis.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -20,128 +16,81 @@
 namespace weftmap_tool {
 namespace {
 
-// Size ratio of each step of the coarsest level's walk to the new size.
-constexpr double retarget_step_ratio = 0.98;
-
-std::string size_text(WM::Point const& size) {
-    return std::to_string(size.x) + "x" + std::to_string(size.y);
-}
-
-// Everything a run needs besides the picture itself.
-struct Job {
-    Arguments const& args;
-    MaskImage const* mask;  // fill only
-    WM::Point target_size;  // retarget only
-    FileFormat output_format;
-    OutputFile& output;
-    OutputFile* compare;  // fill only, optional
-};
+namespace host = WM::host;
 
 void check_cancel() {
     if (interrupt_requested()) throw Cancelled();
 }
 
+void show(host::Warnings const& warnings) {
+    for (auto const& text : warnings) warn(text);
+}
+
+host::FileFormat output_format(std::string const& path, host::FileFormat fallback) {
+    if (auto const format = host::format_for_name(path, fallback)) return *format;
+    std::string const extension = path.substr(path.find_last_of('.'));
+    throw ToolError(exit_usage, "'" + path + "': unknown output type '" + extension +
+                                    "'; use .png, .jpg or .tif (no extension keeps the " +
+                                    "input's format)");
+}
+
+host::ImageFile read_image(std::string const& path) {
+    host::Warnings warnings;
+    auto file = host::read_image_file(path, &warnings);
+    show(warnings);
+    check_cancel();
+    return file;
+}
+
+std::string write_image(host::OutputFile const& file, host::FileFormat format,
+                        host::ConstImageView const& view) {
+    host::Warnings warnings;
+    std::string const written =
+        host::write_image_file(file.temporary_path(), file.path(), format, view, &warnings);
+    show(warnings);
+    return written;
+}
+
 // The input with the hole tinted red, a white gap, and the result, as 8-bit RGB.
-FileImage<WM::rgb8_pixel_t> compare_picture(AnyConstView const& input, MaskImage const& hole,
-                                            AnyConstView const& result) {
-    auto const w = hole.width(), h = hole.height();
+host::Image compare_picture(host::ConstImageView const& input, host::ConstImageView const& hole,
+                            host::ConstImageView const& result) {
+    std::ptrdiff_t const w = hole.width, h = hole.height;
     std::ptrdiff_t const gap = std::max<std::ptrdiff_t>(4, w / 100);
-    FileImage<WM::rgb8_pixel_t> picture(2 * w + gap, h);
-    auto const all = gil::view(picture);
-    gil::fill_pixels(all, WM::rgb8_pixel_t(255, 255, 255));
-    auto const left = gil::subimage_view(all, 0, 0, w, h);
-    copy_to_rgb8(input, left);
-    copy_to_rgb8(result, gil::subimage_view(all, w + gap, 0, w, h));
-    auto const mask = gil::const_view(hole);
+    host::PixelFormat const rgb8{host::Depth::u8, host::Colour::rgb};
+    host::Image picture(rgb8, {2 * w + gap, h});
+    auto const all = picture.view();
+    for (std::ptrdiff_t y = 0; y < h; ++y) std::fill(all.pixel(w, y), all.pixel(w + gap, y), 255);
+    host::convert(input, all.crop(0, 0, w, h));
+    host::convert(result, all.crop(w + gap, 0, w, h));
     static constexpr double tint[3] = {255, 40, 40};
     for (std::ptrdiff_t y = 0; y < h; ++y)
         for (std::ptrdiff_t x = 0; x < w; ++x) {
-            double const a = 0.6 * mask(x, y)[0] / 255.0;
+            double const a = 0.6 * *hole.pixel(x, y) / 255.0;
+            unsigned char* p = all.pixel(x, y);
             for (int c = 0; c < 3; ++c)
-                left(x, y)[c] = static_cast<unsigned char>(
-                    std::lround(left(x, y)[c] * (1.0 - a) + tint[c] * a));
+                p[c] = static_cast<unsigned char>(std::lround(p[c] * (1.0 - a) + tint[c] * a));
         }
     return picture;
 }
 
-// Writes the compare picture under `file`'s temporary name.
-std::string write_compare_picture(OutputFile const& file, AnyConstView const& input,
-                                  MaskImage const& hole, AnyConstView const& result) {
-    auto const picture = compare_picture(input, hole, result);
-    return write_image_file(
-        file.temporary_path(), file.path(), output_format(file.path(), FileFormat::png),
-        AnyConstView(WM::ConstView<WM::rgb8_pixel_t>(gil::const_view(picture))));
+host::Options kit_options(Arguments const& args, ProgressDisplay& progress) {
+    host::Options options;
+    options.mode = args.mode;
+    options.comparator = args.comparator;
+    options.recomposer_options = args.options;
+    options.seed = args.seed;
+    options.bands = args.threads;
+    options.scalar_kernels = args.scalar;
+    options.progress = [&progress](float fraction) { progress.update(fraction); };
+    options.cancel = &interrupt_flag();
+    return options;
 }
 
-// The one generic run: any pixel type, either comparator, fill or retarget.
-template <class Compare>
-void run(Job const& job, FileImage<typename Compare::pixel_t> const& input) {
-    using Pixel = typename Compare::pixel_t;
-    Arguments const& args = job.args;
-    bool const filling = args.command == Command::fill;
-
-    WM::RecycledImage<Pixel> result;
-    {
-        ProgressDisplay progress(filling ? "filling" : "retargeting", !args.quiet);
-        RunClient<Pixel> client(progress);
-        WM::WeftmapRecomposer<Compare> recomposer(&client, args.mode);
-        auto options = args.options;
-        recomposer.setParameters(options);
-        if (args.checksums) recomposer.serialize();
-
-        // The library writes into both: it blackens the hole of the source
-        // and inverts the hole mask.
-        FileImage<Pixel> source(input);
-        WM::View<Pixel> const source_view = gil::view(source);
-        std::vector<WM::Constraint> constraints;
-        check_cancel();
-        if (filling) {
-            MaskImage hole(*job.mask);
-            WM::GrayView const hole_view = gil::view(hole);
-            recomposer.recompose(source_view, constraints, result, &hole_view, nullptr, nullptr,
-                                 nullptr, nullptr, nullptr, nullptr, nullptr);
-        } else {
-            recomposer.retarget(source_view, constraints, result, job.target_size,
-                                retarget_step_ratio, nullptr, nullptr, nullptr, nullptr);
-        }
-        progress.update(1.0f);
-    }
-    check_cancel();
-
-    AnyConstView const result_view = const_view(result);
-    std::string const written = write_image_file(job.output.temporary_path(), job.output.path(),
-                                                 job.output_format, result_view);
-    std::string compare_written;
-    if (job.compare != nullptr)
-        compare_written = write_compare_picture(*job.compare, AnyConstView(gil::const_view(input)),
-                                                *job.mask, result_view);
-    check_cancel();
-    job.output.commit();
-    if (job.compare != nullptr) job.compare->commit();
-    if (!args.quiet) {
-        std::printf("wrote %s (%s, %s)\n", job.output.path().c_str(),
-                    size_text(result.dimensions()).c_str(), written.c_str());
-        if (job.compare != nullptr)
-            std::printf("wrote %s (input with the hole tinted | result, %s)\n",
-                        job.compare->path().c_str(), compare_written.c_str());
-    }
-}
-
-void dispatch(Job const& job, AnyImage const& input) {
-    std::visit(
-        [&](auto const& image) {
-            using Pixel = typename std::decay_t<decltype(image)>::value_type;
-            if (job.args.comparator == Comparator::translate)
-                run<WM::TranslatePatchCompare<Pixel>>(job, image);
-            else
-                run<WM::GainBiasPatchCompare<Pixel>>(job, image);
-        },
-        input);
-}
-
-bool is_empty(MaskImage const& mask) {
-    auto const v = gil::const_view(mask);
-    return std::all_of(v.begin(), v.end(), [](WM::gray8_pixel_t p) { return p[0] == 0; });
+void report(host::OutputFile const& file, host::Size size, std::string const& written,
+            Arguments const& args) {
+    if (!args.quiet)
+        std::printf("wrote %s (%s, %s)\n", file.path().c_str(), host::size_text(size).c_str(),
+                    written.c_str());
 }
 
 }  // namespace
@@ -150,65 +99,90 @@ int run_fill(Arguments const& args) {
     std::string const& image_path = args.files[0];
     std::string const& mask_path = args.files[1];
     std::string const& output_path = args.files[2];
-    output_format(output_path, FileFormat::png);  // refuse an unknown type before reading
-    if (!args.compare_path.empty()) output_format(args.compare_path, FileFormat::png);
+    output_format(output_path, host::FileFormat::png);  // refuse an unknown type before reading
+    if (!args.compare_path.empty()) output_format(args.compare_path, host::FileFormat::png);
 
-    ImageFile const input = read_image_file(image_path);
+    host::ImageFile const input = read_image(image_path);
+    host::Warnings warnings;
+    host::Image const mask = host::read_mask_file(mask_path, &warnings);
+    show(warnings);
     check_cancel();
-    MaskImage const mask = read_mask_file(mask_path);
-    check_cancel();
-    WM::Point const size = dimensions(input.image);
-    if (mask.dimensions() != size)
+    if (mask.size() != input.image.size())
         throw ToolError(exit_input, "the mask '" + mask_path + "' is " +
-                                        size_text(mask.dimensions()) + " but the image '" +
-                                        image_path + "' is " + size_text(size) +
+                                        host::size_text(mask.size()) + " but the image '" +
+                                        image_path + "' is " + host::size_text(input.image.size()) +
                                         "; they must be the same size");
 
-    FileFormat const format = output_format(output_path, input.format);
-    OutputFile output(output_path);
-    std::optional<OutputFile> compare;
+    host::FileFormat const format = output_format(output_path, input.format);
+    host::OutputFile output(output_path);
+    std::optional<host::OutputFile> compare;
     if (!args.compare_path.empty()) compare.emplace(args.compare_path);
-    if (is_empty(mask)) {
-        AnyConstView const view = const_view_of(input.image);
-        std::string const written =
-            write_image_file(output.temporary_path(), output_path, format, view);
-        if (compare) write_compare_picture(*compare, view, mask, view);
-        check_cancel();
-        output.commit();
-        if (compare) compare->commit();
+    bool const empty_hole = host::is_all_zero(mask.view());
+
+    host::Image result;
+    if (empty_hole) {
+        result = input.image.clone();
+    } else {
+        ProgressDisplay progress("filling", !args.quiet);
+        result = host::fill(input.image.view(), mask.view(), kit_options(args, progress));
+        progress.update(1.0f);
+    }
+    check_cancel();
+    std::string const written = write_image(output, format, result.view());
+    std::string compare_written;
+    if (compare)
+        compare_written =
+            write_image(*compare, output_format(compare->path(), host::FileFormat::png),
+                        compare_picture(input.image.view(), mask.view(), result.view()).view());
+    check_cancel();
+    output.commit();
+    if (compare) compare->commit();
+    if (empty_hole) {
         std::fprintf(stderr,
                      "weftmap: the mask '%s' marks no hole, nothing to fill; '%s' is a copy of "
                      "the input (%s)\n",
                      mask_path.c_str(), output_path.c_str(), written.c_str());
         return exit_ok;
     }
-    dispatch(Job{args, &mask, WM::Point(0, 0), format, output, compare ? &*compare : nullptr},
-             input.image);
+    report(output, result.size(), written, args);
+    if (compare && !args.quiet)
+        std::printf("wrote %s (input with the hole tinted | result, %s)\n", compare->path().c_str(),
+                    compare_written.c_str());
     return exit_ok;
 }
 
 int run_retarget(Arguments const& args) {
     std::string const& image_path = args.files[0];
     std::string const& output_path = args.files[1];
-    output_format(output_path, FileFormat::png);
+    output_format(output_path, host::FileFormat::png);
 
-    ImageFile const input = read_image_file(image_path);
-    check_cancel();
-    WM::Point const size = dimensions(input.image);
-    WM::Point target = size;
+    host::ImageFile const input = read_image(image_path);
+    host::Size const size = input.image.size();
+    host::Size target = size;
     if (args.scale > 0.0) {
-        target = WM::Point(std::llround(size.x * args.scale), std::llround(size.y * args.scale));
+        target = {std::llround(size.width * args.scale), std::llround(size.height * args.scale)};
     } else {
-        if (args.width != 0) target.x = args.width;
-        if (args.height != 0) target.y = args.height;
+        if (args.width != 0) target.width = args.width;
+        if (args.height != 0) target.height = args.height;
     }
-    if (target.x < 1 || target.y < 1 || target.x > max_side || target.y > max_side)
-        throw ToolError(exit_usage, "the new size " + size_text(target) +
+    if (target.width < 1 || target.height < 1 || target.width > host::max_side ||
+        target.height > host::max_side)
+        throw ToolError(exit_usage, "the new size " + host::size_text(target) +
                                         " is outside 1 to 65535 pixels a side");
 
-    FileFormat const format = output_format(output_path, input.format);
-    OutputFile output(output_path);
-    dispatch(Job{args, nullptr, target, format, output, nullptr}, input.image);
+    host::FileFormat const format = output_format(output_path, input.format);
+    host::OutputFile output(output_path);
+    host::Image result;
+    {
+        ProgressDisplay progress("retargeting", !args.quiet);
+        result = host::retarget(input.image.view(), target, kit_options(args, progress));
+        progress.update(1.0f);
+    }
+    check_cancel();
+    std::string const written = write_image(output, format, result.view());
+    check_cancel();
+    output.commit();
+    report(output, result.size(), written, args);
     return exit_ok;
 }
 

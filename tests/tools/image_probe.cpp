@@ -5,8 +5,10 @@
 //   image_probe info FILE                "PNG 64x48 8-bit RGB", read from the file's header
 //   image_probe check-fill INPUT MASK OUTPUT [--lossy]
 //   image_probe same A B                 pixel-identical files of one type
-#include "image_file.hpp"
+#include "host/dispatch.hpp"
 #include "support/helpers.hpp"
+
+#include <weftmap/host/image_file.hpp>
 
 #include <boost/gil/extension/io/jpeg.hpp>
 #include <boost/gil/extension/io/png.hpp>
@@ -21,7 +23,10 @@
 namespace {
 
 namespace gil = boost::gil;
-using weftmap_tool::FileImage;
+namespace host = WM::host;
+
+template <class Pixel>
+using FileImage = gil::image<Pixel, false>;
 
 template <class Pixel>
 FileImage<Pixel> texture(std::ptrdiff_t width, std::ptrdiff_t height) {
@@ -43,12 +48,15 @@ template <class Pixel, class Tag>
 void write_texture(std::string const& path, Tag tag) {
     auto const image = texture<Pixel>(64, 48);
     if constexpr (boost::mp11::mp_contains<WM::image_pixel_types, Pixel>::value) {
-        weftmap_tool::FileFormat const format =
-            std::is_same_v<Tag, gil::png_tag>    ? weftmap_tool::FileFormat::png
-            : std::is_same_v<Tag, gil::tiff_tag> ? weftmap_tool::FileFormat::tiff
-                                                 : weftmap_tool::FileFormat::jpeg;
-        weftmap_tool::write_image_file(path, path, format,
-                                       weftmap_tool::AnyConstView(gil::const_view(image)));
+        host::FileFormat const format = std::is_same_v<Tag, gil::png_tag> ? host::FileFormat::png
+                                        : std::is_same_v<Tag, gil::tiff_tag>
+                                            ? host::FileFormat::tiff
+                                            : host::FileFormat::jpeg;
+        auto const v = gil::const_view(image);
+        host::write_image_file(
+            path, path, format,
+            host::ConstImageView(reinterpret_cast<unsigned char const*>(&v(0, 0)),
+                                 host::detail::format_of<Pixel>(), v.width(), v.height()));
     } else {
         gil::write_view(path, gil::const_view(image), tag);
     }
@@ -153,18 +161,17 @@ int info(std::string const& path) {
 // type, and fails otherwise.
 template <class F>
 int with_pair(std::string const& a_path, std::string const& b_path, F const& f) {
-    auto const a = weftmap_tool::read_image_file(a_path);
-    auto const b = weftmap_tool::read_image_file(b_path);
-    if (a.image.index() != b.image.index()) {
+    auto const a = host::read_image_file(a_path);
+    auto const b = host::read_image_file(b_path);
+    if (a.image.format() != b.image.format()) {
         std::cout << "pixel types differ\n";
         return 1;
     }
-    return std::visit(
-        [&](auto const& image) {
-            using Image = std::decay_t<decltype(image)>;
-            return f(gil::const_view(image), gil::const_view(std::get<Image>(b.image)));
-        },
-        a.image);
+    return host::detail::visit_format(a.image.format(), [&](auto tag) {
+        using Pixel = typename decltype(tag)::type;
+        return f(host::detail::packed_view<Pixel>(a.image.view()),
+                 host::detail::packed_view<Pixel>(b.image.view()));
+    });
 }
 
 // Outside the mask the output must equal the input exactly (lossless
@@ -172,9 +179,9 @@ int with_pair(std::string const& a_path, std::string const& b_path, F const& f) 
 // hole) must reach 20 dB.
 int check_fill(std::string const& input_path, std::string const& mask_path,
                std::string const& output_path, bool lossy) {
-    auto const mask = weftmap_tool::read_mask_file(mask_path);
+    auto const mask = host::read_mask_file(mask_path);
     return with_pair(input_path, output_path, [&](auto const& a, auto const& b) {
-        auto const m = gil::const_view(mask);
+        auto const m = host::detail::packed_view<WM::gray8_pixel_t>(mask.view());
         if (a.dimensions() != b.dimensions()) {
             std::cout << "sizes differ\n";
             return 1;
