@@ -61,24 +61,33 @@ struct PanSource : TapestryFrameSource<Pixel> {
     mutable std::vector<int> asked;
 };
 
-// A textured picture wide enough for `count` frames of a pan.
-inline RecycledImage<gray8_pixel_t> pan_picture(Point frame, int count, int step, unsigned seed) {
+// A textured picture wide enough for `count` frames of a pan: noise
+// blurred `passes` times with a 1-2-1 kernel in both directions, so that
+// patches vary gently, as photographs do.
+inline RecycledImage<gray8_pixel_t> pan_picture(Point frame, int count, int step, unsigned seed,
+                                                int passes = 1) {
     auto picture = random_image<gray8_pixel_t>(frame.x + count * step, frame.y, seed);
-    // Smooth it a little so that patches vary gently, as photographs do.
-    auto const source = picture;
-    for (std::ptrdiff_t y = 0; y < picture.height(); ++y)
-        for (std::ptrdiff_t x = 1; x + 1 < picture.width(); ++x)
-            view(picture)(x, y)[0] = static_cast<unsigned char>((const_view(source)(x - 1, y)[0] +
-                                                                 2 * const_view(source)(x, y)[0] +
-                                                                 const_view(source)(x + 1, y)[0]) /
-                                                                4);
+    auto const blur = [&](int dx, int dy) {
+        auto const before = picture;
+        auto const at = [&](std::ptrdiff_t x, std::ptrdiff_t y) {
+            x = std::clamp<std::ptrdiff_t>(x, 0, picture.width() - 1);
+            y = std::clamp<std::ptrdiff_t>(y, 0, picture.height() - 1);
+            return int(const_view(before)(x, y)[0]);
+        };
+        for (std::ptrdiff_t y = 0; y < picture.height(); ++y)
+            for (std::ptrdiff_t x = 0; x < picture.width(); ++x)
+                view(picture)(x, y)[0] = static_cast<unsigned char>(
+                    (at(x - dx, y - dy) + 2 * at(x, y) + at(x + dx, y + dy)) / 4);
+    };
+    blur(1, 0);
+    for (int pass = 1; pass < passes; ++pass) blur(1, 0), blur(0, 1);
     return picture;
 }
 
 // Frame i is a flat grey of numbered_level(i) with a faint texture, so
 // that every pixel of a result tells which frame it came from.
 inline int numbered_level(int frame) {
-    return 30 + 35 * frame;
+    return 60 + 35 * frame;
 }
 
 struct NumberedSource : TapestryFrameSource<gray8_pixel_t> {
