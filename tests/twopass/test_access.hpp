@@ -13,6 +13,7 @@
 #include <boost/gil/algorithm.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
 #include <iostream>
 #include <mutex>
@@ -294,12 +295,30 @@ public:
     using Base::TiledPass;
 };
 
-// A textured picture with a disc-shaped hole, as a host would hand it over.
+// Slow waves of 50 and 40 pixels: a seam between tiles stands out against
+// steps of a few levels.
+template <class View>
+void paint_smooth(View const& v) {
+    using Pixel = typename View::value_type;
+    for (std::ptrdiff_t y = 0; y < v.height(); ++y)
+        for (std::ptrdiff_t x = 0; x < v.width(); ++x)
+            for (int c = 0; c < num_channels_v<Pixel>; ++c) {
+                double const t = 0.5 + 0.2 * std::sin(2 * M_PI * x / 50.0 + c) +
+                                 0.15 * std::cos(2 * M_PI * y / 40.0 + 2 * c);
+                set_channel(v(x, y), c,
+                            static_cast<channel_base_t<Pixel>>(t * channel_top<Pixel>()));
+            }
+}
+
+// A textured (or smooth) picture with a disc-shaped hole.
 template <class Pixel>
 struct HolePicture {
-    HolePicture(Point const& size, double cx, double cy, double radius)
+    HolePicture(Point const& size, double cx, double cy, double radius, bool smooth = false)
         : picture(size), hole(size) {
-        paint_texture(view(picture));
+        if (smooth)
+            paint_smooth(view(picture));
+        else
+            paint_texture(view(picture));
         paint_disc(view(hole), cx, cy, radius);
     }
     RecycledImage<Pixel> picture;
