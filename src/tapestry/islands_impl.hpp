@@ -13,7 +13,7 @@
 #include <weftmap/tapestry/multi_tapestry_factory.hpp>
 
 #include "tapestry/clipped_views.hpp"
-#include "tapestry/tapestry_arithmetic.hpp"
+#include "tapestry/tile_geometry.hpp"
 
 #include <boost/format.hpp>
 #include <boost/gil/algorithm.hpp>

@@ -11,7 +11,7 @@
 #include <weftmap/tapestry/tapestry_json.hpp>
 
 #include "frame/wrapping.hpp"
-#include "tapestry/tapestry_arithmetic.hpp"
+#include "tapestry/tile_geometry.hpp"
 
 #include <algorithm>
 #include <cstdint>

@@ -10,7 +10,7 @@
 
 #include "frame/wrapping.hpp"
 #include "tapestry/clipped_views.hpp"
-#include "tapestry/tapestry_arithmetic.hpp"
+#include "tapestry/tile_geometry.hpp"
 
 #include <boost/gil/algorithm.hpp>
 
@@ -19,33 +19,6 @@
 #include <vector>
 
 namespace WM {
-namespace tapestry_detail {
-
-// Which interior pixel a pixel of the index map's border band copies: the
-// nearest one, except that the bottom band takes the corner value from
-// column W - patch_w + 1 on, sooner than the top band does. Both bands are
-// kept as they are because index maps written so far look like that.
-inline Point index_map_band_source(std::ptrdiff_t x, std::ptrdiff_t y, std::ptrdiff_t W,
-                                   std::ptrdiff_t H, std::ptrdiff_t patch_w) {
-    std::ptrdiff_t const half = patch_w / 2;
-    std::ptrdiff_t const right = W - half - 1, bottom = H - half - 1;
-    if (y < half) return Point(x < half ? half : x < W - half ? x : right, half);
-    if (y < H - half) return Point(x < half ? half : right, y);
-    return Point(x < half ? half : x < W - patch_w + 1 ? x : right, bottom);
-}
-
-inline void fill_index_map_band(IndexMapView const& map, std::ptrdiff_t patch_w) {
-    std::ptrdiff_t const W = map.width(), H = map.height(), half = patch_w / 2;
-    for (std::ptrdiff_t y = 0; y < H; ++y)
-        for (std::ptrdiff_t x = 0; x < W; ++x) {
-            bool const interior = x >= half && x < W - half && y >= half && y < H - half;
-            if (interior) continue;
-            Point const from = index_map_band_source(x, y, W, H, patch_w);
-            map(x, y) = map(from.x, from.y);
-        }
-}
-
-}  // namespace tapestry_detail
 
 template <class Pixel>
 TapestryFactory<Pixel>::TapestryFactory(TapestryFrameSource<Pixel> const& source,

@@ -60,7 +60,12 @@ TEST_F(PanTapestry, ResumingBuildsOnlyTheMissingTilesAndGivesTheUninterruptedPic
     resumed.writes.clear();
     resumed.reads.clear();
     TapestryFactory<Gray> again(source, nullptr);
-    again.Construct(resumed, 0, -1);
+    {
+        test::ScopedCapture capture;
+        again.Construct(resumed, 0, -1);
+        EXPECT_NE(capture.channel.written.find("tile constraints: "), std::string::npos);
+        EXPECT_NE(capture.channel.written.find("tile hole: "), std::string::npos);
+    }
     using W = test::RecordingTileCache<Gray>::Write;
     EXPECT_EQ(resumed.reads, (std::vector<W>{{1, tile.x - overlap}, {3, -(overlap + tile.x)}}));
     EXPECT_EQ(resumed.writes,
@@ -137,7 +142,15 @@ TEST(TapestryIndexMap, NamesTheFrameEachPixelCameFromInFullSequenceNumbers) {
         factory.recomposer.generate_index_map = true;
         RecycledImage<Gray> out;
         RecycledImage<rgb8_pixel_t> map;
-        factory.Construct(out, map, 0, -1);
+        {
+            test::ScopedCapture capture;
+            factory.Construct(out, map, 0, -1);
+            for (char const* label : {"single tile output: ", "single reverse index map output: ",
+                                      "output buffer: ", "output reverse index map: "})
+                EXPECT_NE(capture.channel.written.find(label), std::string::npos) << label;
+            // One tile as wide as the picture: never bound to a neighbour.
+            EXPECT_EQ(capture.channel.written.find("tile constraints: "), std::string::npos);
+        }
         ASSERT_EQ(map.dimensions(), out.dimensions());
         int named = 0, right = 0, unnamed = 0, black = 0;
         for (std::ptrdiff_t y = 0; y < out.height(); ++y)

@@ -183,7 +183,17 @@ TEST_F(PanLevels, TiledRunsBuildEveryPictureAndResumeOnlyWhatIsMissing) {
     cache.widths = factory.widths;
     {
         test::Reproducible repeat;
+        test::ScopedCapture capture;
         factory.Construct(cache, true, true);
+        for (char const* line :
+             {"Constructing discrete tapestry level 1\n", "Constructing tile 1\n",
+              "Constructing animation tiles level 1 tile 1\n", "  inbetween  2\n",
+              "coarser level tile buffer: ", "finer level tile buffer: ",
+              "adjacent tile constraints: ", "islands inbetween 2: ", "islands mask 2: ",
+              "inbetween 2: ", "current inbetween tile: ", "tile constraints: ", "tile hole: ",
+              "Input tile layout: ", "Valid_mask tile layout: ",
+              "retargeted tile buffer with overlap: "})
+            EXPECT_NE(capture.channel.written.find(line), std::string::npos) << line;
     }
     // Level tiles, then the in-betweens of both level 1 tiles.
     for (unsigned t = 0; t < 4; ++t) EXPECT_TRUE(cache.TileExists(0, 0, t)) << t;

@@ -1,10 +1,13 @@
-// The fixed conversions of the tapestry geometry: truncation toward zero
-// into 32 bits, and unsigned values that enter floating point through 64
-// bits so that large ones are not read as negative.
+// The fixed geometry of a tile: truncation toward zero into 32 bits and
+// unsigned values that enter floating point through 64 bits (so that large
+// ones are not read as negative), the tile overlap, the tile hole and the
+// border band of a tile's reverse index map.
 #pragma once
 
 #include <weftmap/image/pixel_types.hpp>
+#include <weftmap/tapestry/tile_cache.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 
@@ -53,6 +56,30 @@ inline void build_tile_hole(GrayView const& hole, bool left, bool right, std::in
             for (std::ptrdiff_t x = width - strip; x < width; ++x)
                 hole(x, y) = gray8_pixel_t(static_cast<unsigned char>(acc >> 8));
     }
+}
+
+// Which interior pixel a pixel of the index map's border band copies: the
+// nearest one, except that the bottom band takes the corner value from
+// column W - patch_w + 1 on, sooner than the top band does. Both bands are
+// kept as they are because index maps written so far look like that.
+inline Point index_map_band_source(std::ptrdiff_t x, std::ptrdiff_t y, std::ptrdiff_t W,
+                                   std::ptrdiff_t H, std::ptrdiff_t patch_w) {
+    std::ptrdiff_t const half = patch_w / 2;
+    std::ptrdiff_t const right = W - half - 1, bottom = H - half - 1;
+    if (y < half) return Point(x < half ? half : x < W - half ? x : right, half);
+    if (y < H - half) return Point(x < half ? half : right, y);
+    return Point(x < half ? half : x < W - patch_w + 1 ? x : right, bottom);
+}
+
+inline void fill_index_map_band(IndexMapView const& map, std::ptrdiff_t patch_w) {
+    std::ptrdiff_t const W = map.width(), H = map.height(), half = patch_w / 2;
+    for (std::ptrdiff_t y = 0; y < H; ++y)
+        for (std::ptrdiff_t x = 0; x < W; ++x) {
+            bool const interior = x >= half && x < W - half && y >= half && y < H - half;
+            if (interior) continue;
+            Point const from = index_map_band_source(x, y, W, H, patch_w);
+            map(x, y) = map(from.x, from.y);
+        }
 }
 
 }  // namespace WM::tapestry_detail
