@@ -114,6 +114,7 @@ void TwoPassSynthesis<Compare>::TiledPass(int coarse_scale) {
     recomposer.coarse_size =
         std::max(recomposer.coarse_size,
                  detail::truncate_to_int32(static_cast<double>(std::min(V.x, V.y)) * 0.5));
+    std::int32_t const tile_coarse_size = recomposer.coarse_size;
 
     std::vector<Constraint> constraints;
     for (Tile& tile : tiles) {
@@ -139,6 +140,13 @@ void TwoPassSynthesis<Compare>::TiledPass(int coarse_scale) {
             continue;
         }
 
+        // A tile cut short where the picture ends can be narrower than that
+        // start, and a pyramid that starts above the tile's own size does not
+        // fit the buffers reserved for the tile.
+        std::ptrdiff_t const short_side = std::min(tile.size.x, tile.size.y);
+        recomposer.coarse_size = short_side < tile_coarse_size
+                                     ? static_cast<std::int32_t>(short_side)
+                                     : tile_coarse_size;
         ConstructInitialGuess(tile, coarse_scale);
         ConstructConstraints(tile, in.hole, in.a_constraint);
         view_t source = view(input_buf);

@@ -175,6 +175,28 @@ TEST(TiledPass, ACancelKeepsTheTilesWrittenBeforeAndWritesNothingMore) {
     EXPECT_EQ(synthesis.recomposer.half_search_window, 0);
 }
 
+TEST(TiledPass, AHoleReachingTheShortLastRowIsFilledThere) {
+    // Tiles of the last row are 8 rows high, less than where a tile's
+    // pyramid would otherwise start.
+    using Pixel = gray8_pixel_t;
+    test::HolePicture<Pixel> const in(Point(96, 80), 48, 62, 14, true);
+    test::PyramidAccess<Pixel> access(in.picture, in.hole, 2);
+    test::HostClient<Pixel> client;
+    test::refuse_scales_below(client, access, 1);
+    test::OpenTwoPass<Pixel> synthesis(&access, &client);
+    test::CaptureStdout out;
+    ASSERT_NO_THROW(synthesis.run());
+    for (Tile const& t : synthesis.tiles.tiles) EXPECT_EQ(t.done, has_hole(t, in.hole));
+    EXPECT_TRUE(synthesis.tiles.tiles[6].done);
+    EXPECT_EQ(synthesis.tiles.tiles[6].size, Point(48, 8));
+    Box const b = access.bounds(0);
+    for (int y = b.ymin; y < b.ymax; ++y)
+        for (int x = b.xmin; x < b.xmax; ++x)
+            if (const_view(in.hole)(x, y)[0] == 0) {
+                ASSERT_EQ(const_view(access.output)(x, y), const_view(in.picture)(x, y));
+            }
+}
+
 // A 140 x 112 picture whose hole bounds cover x 20..119, y 10..99, and a
 // 3 x 3 grid of 50 x 40 tiles (overlap 5 x 4); the middle tile starts at
 // (45, 36).
