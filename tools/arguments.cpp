@@ -219,7 +219,8 @@ char const* usage_text() {
            "  4    the hole leaves too little of the picture to sample from\n"
            "  5    the memory limit is too small for this run\n"
            "  6    the output cannot be written\n"
-           "  130  cancelled with Ctrl-C (143 with SIGTERM); no output is written\n";
+           "  130  cancelled with Ctrl-C (143 with SIGTERM, 129 with SIGHUP); no output is\n"
+           "       written\n";
 }
 
 }  // namespace weftmap_tool

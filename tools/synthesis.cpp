@@ -8,9 +8,13 @@
 #include <weftmap/host/output_file.hpp>
 #include <weftmap/host/synthesis.hpp>
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 
 namespace weftmap_tool {
@@ -32,6 +36,25 @@ host::FileFormat output_format(std::string const& path, host::FileFormat fallbac
     throw ToolError(exit_usage, "'" + path + "': unknown output type '" + extension +
                                     "'; use .png, .jpg or .tif (no extension keeps the " +
                                     "input's format)");
+}
+
+// The path with its folder resolved (links, "." and ".."), or as it
+// stands when the folder does not exist.
+std::string resolved(std::string const& path) {
+    std::size_t const slash = path.find_last_of('/');
+    std::string const folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    char real[PATH_MAX];
+    if (realpath(folder.c_str(), real) == nullptr) return path;
+    return std::string(real) + "/" + path.substr(slash == std::string::npos ? 0 : slash + 1);
+}
+
+// True when both names reach one file: the same file now, or the same
+// name in the same folder.
+bool same_file(std::string const& a, std::string const& b) {
+    struct stat sa = {}, sb = {};
+    if (stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0)
+        return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+    return resolved(a) == resolved(b);
 }
 
 host::ImageFile read_image(std::string const& path) {
@@ -100,7 +123,14 @@ int run_fill(Arguments const& args) {
     std::string const& mask_path = args.files[1];
     std::string const& output_path = args.files[2];
     output_format(output_path, host::FileFormat::png);  // refuse an unknown type before reading
-    if (!args.compare_path.empty()) output_format(args.compare_path, host::FileFormat::png);
+    if (!args.compare_path.empty()) {
+        output_format(args.compare_path, host::FileFormat::png);
+        // The second rename would replace the first file.
+        if (same_file(args.compare_path, output_path))
+            throw ToolError(exit_usage, "--compare names the output '" + output_path +
+                                            "' again; give the side-by-side picture a name of "
+                                            "its own (see 'weftmap --help')");
+    }
 
     host::ImageFile const input = read_image(image_path);
     host::Warnings warnings;

@@ -1,19 +1,29 @@
 // The helper of the weftmap host's end-to-end tests: writes the input
 // files, reads back what the host wrote and checks it.
-//   image_probe make DIR                 small textures in every format, masks, broken files
+//   image_probe make DIR                 small textures in every format and layout, masks,
+//                                        broken and lying files
 //   image_probe make-large IMAGE MASK N  an NxN RGB texture and a mask with a large hole
 //   image_probe info FILE                "PNG 64x48 8-bit RGB", read from the file's header
 //   image_probe check-fill INPUT MASK OUTPUT [--lossy]
 //   image_probe same A B                 pixel-identical files of one type
+//   image_probe peak-rss FILE COMMAND... runs COMMAND, writes its peak resident size in KiB
+// Files in layouts the host never writes (alpha, palettes, interlacing,
+// tiles, separate planes) come straight from the codecs.
 #include "host/dispatch.hpp"
 #include "support/helpers.hpp"
 
 #include <weftmap/host/image_file.hpp>
 
-#include <boost/gil/extension/io/jpeg.hpp>
-#include <boost/gil/extension/io/png.hpp>
-#include <boost/gil/extension/io/tiff.hpp>
+#include <png.h>
+#include <tiffio.h>
 
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csetjmp>
+#include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -22,44 +32,44 @@
 
 namespace {
 
-namespace gil = boost::gil;
 namespace host = WM::host;
 
-template <class Pixel>
-using FileImage = gil::image<Pixel, false>;
+host::PixelFormat const gray8{host::Depth::u8, host::Colour::gray};
+host::PixelFormat const rgb8{host::Depth::u8, host::Colour::rgb};
+host::PixelFormat const rgb16{host::Depth::u16, host::Colour::rgb};
 
-template <class Pixel>
-FileImage<Pixel> texture(std::ptrdiff_t width, std::ptrdiff_t height) {
-    FileImage<Pixel> image(width, height);
-    WM::test::paint_texture(gil::view(image));
+host::Image texture(host::PixelFormat format, std::ptrdiff_t width, std::ptrdiff_t height) {
+    host::Image image(format, {width, height});
+    host::detail::visit_format(format, [&](auto tag) {
+        using Pixel = typename decltype(tag)::type;
+        WM::test::paint_texture(host::detail::packed_view<Pixel>(image.view()));
+    });
     return image;
 }
 
-FileImage<gil::gray8_pixel_t> disc(std::ptrdiff_t width, std::ptrdiff_t height, double cx,
-                                   double cy, double r, unsigned char edge = 0) {
-    FileImage<gil::gray8_pixel_t> mask(width, height);
-    WM::test::paint_disc(gil::view(mask), cx, cy, r, edge);
+// Pseudo-random bytes, which no codec can shrink much.
+host::Image noise(host::PixelFormat format, std::ptrdiff_t width, std::ptrdiff_t height) {
+    host::Image image(format, {width, height});
+    std::uint32_t state = 12345;
+    for (std::ptrdiff_t y = 0; y < height; ++y)
+        for (std::ptrdiff_t x = 0; x < width * format.pixel_bytes(); ++x) {
+            state = state * 1664525u + 1013904223u;
+            image.view().pixel(0, y)[x] = static_cast<unsigned char>(state >> 24);
+        }
+    return image;
+}
+
+host::Image disc(std::ptrdiff_t width, std::ptrdiff_t height, double cx, double cy, double r,
+                 unsigned char edge = 0) {
+    host::Image mask(gray8, {width, height});
+    WM::test::paint_disc(host::detail::packed_view<WM::gray8_pixel_t>(mask.view()), cx, cy, r,
+                         edge);
     return mask;
 }
 
-// Through the host's writer for the nine pixel types (it also mends the
-// byte order of 16-bit PNG samples), straight through the codec otherwise.
-template <class Pixel, class Tag>
-void write_texture(std::string const& path, Tag tag) {
-    auto const image = texture<Pixel>(64, 48);
-    if constexpr (boost::mp11::mp_contains<WM::image_pixel_types, Pixel>::value) {
-        host::FileFormat const format = std::is_same_v<Tag, gil::png_tag> ? host::FileFormat::png
-                                        : std::is_same_v<Tag, gil::tiff_tag>
-                                            ? host::FileFormat::tiff
-                                            : host::FileFormat::jpeg;
-        auto const v = gil::const_view(image);
-        host::write_image_file(
-            path, path, format,
-            host::ConstImageView(reinterpret_cast<unsigned char const*>(&v(0, 0)),
-                                 host::detail::format_of<Pixel>(), v.width(), v.height()));
-    } else {
-        gil::write_view(path, gil::const_view(image), tag);
-    }
+void write(std::string const& path, host::ConstImageView const& view) {
+    auto const format = host::format_for_name(path, host::FileFormat::png);
+    host::write_image_file(path, path, *format, view);
 }
 
 void write_bytes(std::string const& path, std::string const& bytes) {
@@ -71,90 +81,359 @@ std::string read_bytes(std::string const& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+[[noreturn]] void failed(std::string const& what) {
+    throw std::runtime_error(what);
+}
+
+// ---- PNG files the host never writes
+
+// Through the codec's simplified interface, which needs no error jumps.
+void write_png_simply(std::string const& path, png_uint_32 format, int width, int height,
+                      void const* pixels, void const* colormap = nullptr, int colours = 0) {
+    png_image image = {};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = png_uint_32(width);
+    image.height = png_uint_32(height);
+    image.format = format;
+    image.colormap_entries = png_uint_32(colours);
+    if (!png_image_write_to_file(&image, path.c_str(), 0, pixels, 0, colormap))
+        failed(path + ": " + image.message);
+}
+
+struct InterlacedPng {
+    png_structp png = nullptr;
+    png_infop info = nullptr;
+    std::FILE* file = nullptr;
+    std::vector<png_bytep> rows;
+};
+
+// Adam7 needs the full interface; its setjmp frame holds no destructors.
+bool write_interlaced_rgb8(InterlacedPng* p, int width, int height) {
+    if (setjmp(png_jmpbuf(p->png))) return false;
+    png_init_io(p->png, p->file);
+    png_set_IHDR(p->png, p->info, png_uint_32(width), png_uint_32(height), 8, PNG_COLOR_TYPE_RGB,
+                 PNG_INTERLACE_ADAM7, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(p->png, p->info);
+    png_write_image(p->png, p->rows.data());
+    png_write_end(p->png, nullptr);
+    return true;
+}
+
+void write_interlaced(std::string const& path, host::Image const& image) {
+    InterlacedPng p;
+    p.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    p.info = png_create_info_struct(p.png);
+    p.file = std::fopen(path.c_str(), "wb");
+    for (std::ptrdiff_t y = 0; y < image.height(); ++y)
+        p.rows.push_back(const_cast<png_bytep>(image.view().pixel(0, y)));
+    bool const ok =
+        p.file != nullptr && write_interlaced_rgb8(&p, int(image.width()), int(image.height()));
+    png_destroy_write_struct(&p.png, &p.info);
+    if (p.file != nullptr) std::fclose(p.file);
+    if (!ok) failed(path + ": cannot write");
+}
+
+// A palette of 16 colours, some see-through (tRNS), and the 8-bit RGB
+// picture a reader must make of it.
+void write_palette_pngs(std::string const& path, std::string const& expected_path) {
+    int const w = 64, h = 48;
+    unsigned char colormap[16][4];
+    for (int i = 0; i < 16; ++i) {
+        colormap[i][0] = static_cast<unsigned char>(16 * i);
+        colormap[i][1] = static_cast<unsigned char>(255 - 9 * i);
+        colormap[i][2] = static_cast<unsigned char>((70 * i) % 256);
+        colormap[i][3] = static_cast<unsigned char>(i % 3 == 0 ? 0 : i % 3 == 1 ? 128 : 255);
+    }
+    std::vector<unsigned char> indices(w * h);
+    host::Image expected(rgb8, {w, h});
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            int const i = (x / 4 + y / 3) % 16;
+            indices[y * w + x] = static_cast<unsigned char>(i);
+            std::memcpy(expected.view().pixel(x, y), colormap[i], 3);
+        }
+    write_png_simply(path, PNG_FORMAT_RGBA_COLORMAP, w, h, indices.data(), colormap, 16);
+    write(expected_path, expected.view());
+}
+
+void write_rgba8_png(std::string const& path) {
+    host::Image const rgb = texture(rgb8, 64, 48);
+    std::vector<unsigned char> rgba;
+    for (std::ptrdiff_t y = 0; y < 48; ++y)
+        for (std::ptrdiff_t x = 0; x < 64; ++x) {
+            rgba.insert(rgba.end(), rgb.view().pixel(x, y), rgb.view().pixel(x, y) + 3);
+            rgba.push_back(static_cast<unsigned char>(4 * x));
+        }
+    write_png_simply(path, PNG_FORMAT_RGBA, 64, 48, rgba.data());
+}
+
+std::uint32_t crc_of(std::string const& bytes) {
+    std::uint32_t crc = 0xFFFFFFFFu;
+    for (unsigned char b : bytes) {
+        crc ^= b;
+        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+    }
+    return ~crc;
+}
+
+std::string big_endian(std::uint32_t v) {
+    return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+}
+
+std::string png_chunk(std::string const& type, std::string const& data) {
+    return big_endian(std::uint32_t(data.size())) + type + data + big_endian(crc_of(type + data));
+}
+
+// A header claiming 65535x65535 RGB (12 GiB of pixels) before 14 KB of
+// zeros in one stored deflate block: nothing a reader should allocate for.
+void write_png_bomb(std::string const& path) {
+    std::string const ihdr = big_endian(65535) + big_endian(65535) + std::string{8, 2, 0, 0, 0};
+    std::uint16_t const n = 14000;
+    std::string idat = "\x78\x01";  // zlib header, no preset dictionary
+    idat += std::string{0, char(n & 0xFF), char(n >> 8), char(~n & 0xFF), char((~n >> 8) & 0xFF)};
+    idat += std::string(n, '\0');
+    write_bytes(path, "\x89PNG\r\n\x1a\n" + png_chunk("IHDR", ihdr) + png_chunk("IDAT", idat) +
+                          png_chunk("IEND", ""));
+}
+
+// A small JPEG whose frame header is made to claim 65500x65500.
+void write_jpeg_bomb(std::string const& path) {
+    write(path, texture(gray8, 16, 16).view());
+    std::string bytes = read_bytes(path);
+    std::size_t const sof = bytes.find("\xFF\xC0");
+    if (sof == std::string::npos) failed(path + ": no frame header");
+    // Marker, length (2), precision (1), then height and width.
+    for (std::size_t at : {sof + 5, sof + 7}) {
+        bytes[at] = char(65500 >> 8);
+        bytes[at + 1] = char(65500 & 0xFF);
+    }
+    write_bytes(path, bytes);
+}
+
+// ---- TIFF files the host never writes
+
+struct TiffLayout {
+    bool tiled = false;
+    bool separate = false;
+    int extra_samples = 0;  // alpha
+    bool signed_integer = false;
+};
+
+// `image` in the layout asked for, uncompressed, without resolution tags.
+void write_tiff(std::string const& path, host::Image const& image, TiffLayout layout) {
+    TIFF* tif = TIFFOpen(path.c_str(), "w");
+    if (tif == nullptr) failed(path + ": cannot create");
+    host::PixelFormat const f = image.format();
+    int const colour = f.channels();
+    int const samples = colour + layout.extra_samples;
+    int const bytes = f.channel_bytes();
+    std::uint32_t const w = std::uint32_t(image.width()), h = std::uint32_t(image.height());
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, w);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, h);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, samples);
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8 * bytes);
+    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT,
+                 layout.signed_integer         ? SAMPLEFORMAT_INT
+                 : f.depth == host::Depth::f32 ? SAMPLEFORMAT_IEEEFP
+                                               : SAMPLEFORMAT_UINT);
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC,
+                 colour == 1   ? PHOTOMETRIC_MINISBLACK
+                 : colour == 3 ? PHOTOMETRIC_RGB
+                               : PHOTOMETRIC_SEPARATED);
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG,
+                 layout.separate ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
+    if (layout.extra_samples == 1) {
+        std::uint16_t const alpha = EXTRASAMPLE_UNASSALPHA;
+        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &alpha);
+    }
+    std::uint32_t const bw = layout.tiled ? 16 : w, bh = layout.tiled ? 32 : 5;
+    if (layout.tiled) {
+        TIFFSetField(tif, TIFFTAG_TILEWIDTH, bw);
+        TIFFSetField(tif, TIFFTAG_TILELENGTH, bh);
+    } else {
+        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, bh);
+    }
+    int const planes = layout.separate ? samples : 1;
+    int const block_samples = layout.separate ? 1 : samples;
+    // Sample s of pixel (x, y): the picture's channel, or a ramp for alpha.
+    auto const sample = [&](std::uint32_t x, std::uint32_t y, int s, unsigned char* to) {
+        if (x >= w || y >= h)
+            std::memset(to, 0, bytes);
+        else if (s < colour)
+            std::memcpy(to, image.view().pixel(x, y) + s * bytes, bytes);
+        else
+            std::memset(to, int(x), bytes);
+    };
+    std::vector<unsigned char> block(std::size_t(bw) * bh * block_samples * bytes);
+    for (int plane = 0; plane < planes; ++plane)
+        for (std::uint32_t y0 = 0; y0 < h; y0 += bh)
+            for (std::uint32_t x0 = 0; x0 < w; x0 += bw) {
+                std::uint32_t const rows = layout.tiled ? bh : std::min(bh, h - y0);
+                unsigned char* p = block.data();
+                for (std::uint32_t y = y0; y < y0 + rows; ++y)
+                    for (std::uint32_t x = x0; x < x0 + bw; ++x)
+                        for (int s = 0; s < block_samples; ++s, p += bytes)
+                            sample(x, y, layout.separate ? plane : s, p);
+                tmsize_t const size = tmsize_t(p - block.data());
+                tmsize_t const done =
+                    layout.tiled ? TIFFWriteEncodedTile(tif, TIFFComputeTile(tif, x0, y0, 0, plane),
+                                                        block.data(), size)
+                                 : TIFFWriteEncodedStrip(tif, TIFFComputeStrip(tif, y0, plane),
+                                                         block.data(), size);
+                if (done != size) failed(path + ": cannot write");
+            }
+    TIFFClose(tif);
+}
+
 int make(std::string const& dir) {
     auto const at = [&](char const* name) { return dir + "/" + name; };
-    gil::png_tag const png;
-    gil::tiff_tag const tiff;
-    gil::jpeg_tag const jpeg;
-    write_texture<gil::gray8_pixel_t>(at("gray8.png"), png);
-    write_texture<gil::rgb8_pixel_t>(at("rgb8.png"), png);
-    write_texture<gil::gray16_pixel_t>(at("gray16.png"), png);
-    write_texture<gil::rgb16_pixel_t>(at("rgb16.png"), png);
-    write_texture<gil::rgba8_pixel_t>(at("rgba8.png"), png);
-    write_texture<gil::gray8_pixel_t>(at("gray8.jpg"), jpeg);
-    write_texture<gil::rgb8_pixel_t>(at("rgb8.jpg"), jpeg);
-    write_texture<gil::cmyk8_pixel_t>(at("cmyk8.jpg"), jpeg);
-    write_texture<gil::gray8_pixel_t>(at("gray8.tif"), tiff);
-    write_texture<gil::rgb8_pixel_t>(at("rgb8.tif"), tiff);
-    write_texture<gil::cmyk8_pixel_t>(at("cmyk8.tif"), tiff);
-    write_texture<gil::gray16_pixel_t>(at("gray16.tif"), tiff);
-    write_texture<gil::rgb16_pixel_t>(at("rgb16.tif"), tiff);
-    write_texture<gil::cmyk16_pixel_t>(at("cmyk16.tif"), tiff);
-    write_texture<gil::gray32f_pixel_t>(at("gray32f.tif"), tiff);
-    write_texture<gil::rgb32f_pixel_t>(at("rgb32f.tif"), tiff);
-    write_texture<gil::cmyk32f_pixel_t>(at("cmyk32f.tif"), tiff);
-    write_texture<gil::rgba16_pixel_t>(at("rgba16.tif"), tiff);
+    using host::Colour;
+    using host::Depth;
+    struct Texture {
+        char const* name;
+        host::PixelFormat format;
+    };
+    for (auto const& [name, format] : {
+             Texture{"gray8.png", {Depth::u8, Colour::gray}},
+             Texture{"rgb8.png", {Depth::u8, Colour::rgb}},
+             Texture{"gray16.png", {Depth::u16, Colour::gray}},
+             Texture{"rgb16.png", {Depth::u16, Colour::rgb}},
+             Texture{"gray8.jpg", {Depth::u8, Colour::gray}},
+             Texture{"rgb8.jpg", {Depth::u8, Colour::rgb}},
+             Texture{"cmyk8.jpg", {Depth::u8, Colour::cmyk}},
+             Texture{"gray8.tif", {Depth::u8, Colour::gray}},
+             Texture{"rgb8.tif", {Depth::u8, Colour::rgb}},
+             Texture{"cmyk8.tif", {Depth::u8, Colour::cmyk}},
+             Texture{"gray16.tif", {Depth::u16, Colour::gray}},
+             Texture{"rgb16.tif", {Depth::u16, Colour::rgb}},
+             Texture{"cmyk16.tif", {Depth::u16, Colour::cmyk}},
+             Texture{"gray32f.tif", {Depth::f32, Colour::gray}},
+             Texture{"rgb32f.tif", {Depth::f32, Colour::rgb}},
+             Texture{"cmyk32f.tif", {Depth::f32, Colour::cmyk}},
+         })
+        write(at(name), texture(format, 64, 48).view());
+    write_rgba8_png(at("rgba8.png"));
+    write_tiff(at("rgba16.tif"), texture(rgb16, 64, 48), {false, false, 1, false});
     // Integer samples of 32 bits are outside the nine pixel types.
-    write_texture<gil::gray32s_pixel_t>(at("gray32s.tif"), tiff);
+    write_tiff(at("gray32s.tif"), texture({Depth::f32, Colour::gray}, 64, 48),
+               {false, false, 0, true});
+    // The same texture in every layout a reader meets, none of them with
+    // resolution tags.
+    write_tiff(at("rgb8-strips.tif"), texture(rgb8, 64, 48), {});
+    write_tiff(at("rgb8-tiled.tif"), texture(rgb8, 64, 48), {true, false, 1, false});
+    write_tiff(at("rgb16-planes.tif"), texture(rgb16, 64, 48), {false, true, 1, false});
+    write_tiff(at("cmyk8-tiled-planes.tif"), texture({Depth::u8, Colour::cmyk}, 64, 48),
+               {true, true, 0, false});
+    write_interlaced(at("rgb8-interlaced.png"), texture(rgb8, 64, 48));
+    write_palette_pngs(at("palette-trns.png"), at("palette-expected.png"));
 
-    gil::write_view(at("mask.png"), gil::const_view(disc(64, 48, 30, 22, 7)), png);
-    gil::write_view(at("mask-soft.png"), gil::const_view(disc(64, 48, 30, 22, 6, 128)), png);
-    gil::write_view(at("mask-empty.png"), gil::const_view(disc(64, 48, 0, 0, -5)), png);
-    gil::write_view(at("mask-small.png"), gil::const_view(disc(60, 40, 30, 22, 7)), png);
-    gil::write_view(at("mask-all.png"), gil::const_view(disc(64, 48, 32, 24, 100)), png);
+    write(at("mask.png"), disc(64, 48, 30, 22, 7).view());
+    write(at("mask-soft.png"), disc(64, 48, 30, 22, 6, 128).view());
+    write(at("mask-empty.png"), disc(64, 48, 0, 0, -5).view());
+    write(at("mask-small.png"), disc(60, 40, 30, 22, 7).view());
+    write(at("mask-all.png"), disc(64, 48, 32, 24, 100).view());
     // A red disc on black: a colour mask counts every non-zero channel.
-    FileImage<gil::rgb8_pixel_t> colour(64, 48);
-    gil::copy_and_convert_pixels(gil::const_view(disc(64, 48, 30, 22, 7)), gil::view(colour));
-    for (auto& p : gil::view(colour)) p = gil::rgb8_pixel_t(p[0], 0, 0);
-    gil::write_view(at("mask-red.png"), gil::const_view(colour), png);
+    host::Image const red_disc = disc(64, 48, 30, 22, 7);
+    host::Image red(rgb8, {64, 48});
+    for (std::ptrdiff_t y = 0; y < 48; ++y)
+        for (std::ptrdiff_t x = 0; x < 64; ++x)
+            red.view().pixel(x, y)[0] = *red_disc.view().pixel(x, y);
+    write(at("mask-red.png"), red.view());
     // Wider than the library's field coordinates reach.
-    gil::write_view(at("wide.png"), gil::const_view(texture<gil::gray8_pixel_t>(70000, 2)), png);
+    write(at("wide.png"), texture(gray8, 70000, 2).view());
+    // Big enough to pass small file-size limits in every format.
+    write(at("big.png"), noise(rgb8, 256, 192).view());
+    write(at("mask-empty-big.png"), disc(256, 192, 0, 0, -5).view());
 
     write_bytes(at("not-an-image.png"), "this is a text file, not a picture\n");
     write_bytes(at("empty.png"), "");
     write_bytes(at("truncated.png"), read_bytes(at("rgb8.png")).substr(0, 120));
+    write_bytes(at("truncated.tif"), read_bytes(at("rgb8.tif")).substr(0, 6));
+    write_png_bomb(at("bomb.png"));
+    write_jpeg_bomb(at("bomb.jpg"));
     return 0;
 }
 
 int make_large(std::string const& image, std::string const& mask, std::ptrdiff_t side) {
-    gil::write_view(image, gil::const_view(texture<gil::rgb8_pixel_t>(side, side)), gil::png_tag());
-    gil::write_view(mask, gil::const_view(disc(side, side, side / 2.0, side / 2.0, side / 4.0)),
-                    gil::png_tag());
+    write(image, texture(rgb8, side, side).view());
+    write(mask, disc(side, side, side / 2.0, side / 2.0, side / 4.0).view());
     return 0;
 }
+
+// ---- reading headers independently of the host
 
 std::string depth_text(int bits, bool is_float) {
     return is_float ? "float" : std::to_string(bits) + "-bit";
 }
 
-// The header as each format's own reader sees it, independently of the host.
+std::uint32_t read_big_endian(std::string const& bytes, std::size_t at, int count) {
+    std::uint32_t v = 0;
+    for (int i = 0; i < count; ++i) v = (v << 8) | static_cast<unsigned char>(bytes[at + i]);
+    return v;
+}
+
+extern "C" int quiet_tiff(TIFF*, void*, char const*, char const*, va_list) {
+    return 1;
+}
+
 int info(std::string const& path) {
-    std::string const head = read_bytes(path).substr(0, 4);
-    if (head == "\x89PNG") {
-        auto const i = gil::read_image_info(path, gil::png_tag())._info;
-        std::string const color = (i._color_type & PNG_COLOR_MASK_COLOR) ? "RGB" : "gray";
-        std::string const alpha = (i._color_type & PNG_COLOR_MASK_ALPHA) ? "+alpha" : "";
-        std::cout << "PNG " << i._width << "x" << i._height << " "
-                  << depth_text(i._bit_depth, false) << " " << color << alpha << "\n";
-    } else if (head.compare(0, 2, "\xFF\xD8") == 0) {
-        auto const i = gil::read_image_info(path, gil::jpeg_tag())._info;
-        std::string const color = i._num_components == 1   ? "gray"
-                                  : i._num_components == 3 ? "RGB"
-                                                           : "CMYK";
-        std::cout << "JPEG " << i._width << "x" << i._height << " 8-bit " << color << "\n";
-    } else if (head == "II*" + std::string(1, '\0') || head == "MM" + std::string(1, '\0') + "*") {
-        auto const i = gil::read_image_info(path, gil::tiff_tag())._info;
-        std::string const color = i._photometric_interpretation == PHOTOMETRIC_SEPARATED ? "CMYK"
-                                  : i._samples_per_pixel >= 3                            ? "RGB"
-                                                                                         : "gray";
-        std::cout << "TIFF " << i._width << "x" << i._height << " "
-                  << depth_text(i._bits_per_sample, i._sample_format == SAMPLEFORMAT_IEEEFP) << " "
-                  << color << "\n";
-    } else {
-        std::cout << "unknown\n";
-        return 1;
+    std::string const bytes = read_bytes(path);
+    if (bytes.compare(0, 8, "\x89PNG\r\n\x1a\n") == 0 && bytes.size() >= 26) {
+        // IHDR: width, height, bit depth, colour type.
+        int const type = static_cast<unsigned char>(bytes[25]);
+        std::string const colour = (type & PNG_COLOR_MASK_COLOR) ? "RGB" : "gray";
+        std::string const alpha = (type & PNG_COLOR_MASK_ALPHA) ? "+alpha" : "";
+        std::cout << "PNG " << read_big_endian(bytes, 16, 4) << "x" << read_big_endian(bytes, 20, 4)
+                  << " " << depth_text(static_cast<unsigned char>(bytes[24]), false) << " "
+                  << colour << alpha << "\n";
+        return 0;
     }
-    return 0;
+    if (bytes.compare(0, 2, "\xFF\xD8") == 0) {
+        // The first frame header of a baseline or progressive file.
+        for (std::size_t at = 2; at + 9 < bytes.size();) {
+            if (static_cast<unsigned char>(bytes[at]) != 0xFF) break;
+            int const marker = static_cast<unsigned char>(bytes[at + 1]);
+            if (marker == 0xC0 || marker == 0xC1 || marker == 0xC2) {
+                int const components = static_cast<unsigned char>(bytes[at + 9]);
+                std::cout << "JPEG " << read_big_endian(bytes, at + 7, 2) << "x"
+                          << read_big_endian(bytes, at + 5, 2) << " "
+                          << int(static_cast<unsigned char>(bytes[at + 4])) << "-bit "
+                          << (components == 1   ? "gray"
+                              : components == 3 ? "RGB"
+                                                : "CMYK")
+                          << "\n";
+                return 0;
+            }
+            at += 2 + read_big_endian(bytes, at + 2, 2);
+        }
+    }
+    if (bytes.compare(0, 4, std::string("II*\0", 4)) == 0 ||
+        bytes.compare(0, 4, std::string("MM\0*", 4)) == 0) {
+        TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
+        TIFFOpenOptionsSetErrorHandlerExtR(options, quiet_tiff, nullptr);
+        TIFFOpenOptionsSetWarningHandlerExtR(options, quiet_tiff, nullptr);
+        TIFF* tif = TIFFOpenExt(path.c_str(), "r", options);
+        TIFFOpenOptionsFree(options);
+        if (tif != nullptr) {
+            std::uint32_t w = 0, h = 0;
+            std::uint16_t samples = 1, bits = 1, format = SAMPLEFORMAT_UINT, photometric = 0;
+            TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &w);
+            TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &h);
+            TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &samples);
+            TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &bits);
+            TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &format);
+            TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric);
+            TIFFClose(tif);
+            std::string const colour = photometric == PHOTOMETRIC_SEPARATED ? "CMYK"
+                                       : samples >= 3                       ? "RGB"
+                                                                            : "gray";
+            std::cout << "TIFF " << w << "x" << h << " "
+                      << depth_text(bits, format == SAMPLEFORMAT_IEEEFP) << " " << colour << "\n";
+            return 0;
+        }
+    }
+    std::cout << "unknown\n";
+    return 1;
 }
 
 // Calls f(a, b) with views of the two files when both hold the same pixel
@@ -198,8 +477,28 @@ int check_fill(std::string const& input_path, std::string const& mask_path,
 }
 
 int same(std::string const& a_path, std::string const& b_path) {
-    return with_pair(a_path, b_path,
-                     [](auto const& a, auto const& b) { return gil::equal_pixels(a, b) ? 0 : 1; });
+    return with_pair(a_path, b_path, [](auto const& a, auto const& b) {
+        if (a.dimensions() != b.dimensions()) return 1;
+        return boost::gil::equal_pixels(a, b) ? 0 : 1;
+    });
+}
+
+// Where /usr/bin/time is missing: the child's peak resident size, as the
+// kernel counts it at its end.
+int peak_rss(std::string const& out, std::vector<std::string> const& command) {
+    std::vector<char*> argv;
+    for (auto const& a : command) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    pid_t const child = fork();
+    if (child == 0) {
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    rusage usage = {};
+    if (child < 0 || wait4(child, &status, 0, &usage) != child) return 125;
+    std::ofstream(out) << usage.ru_maxrss << "\n";
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 }  // namespace
@@ -214,6 +513,8 @@ int main(int argc, char** argv) {
         if (args.size() >= 4 && args[0] == "check-fill")
             return check_fill(args[1], args[2], args[3], args.size() == 5 && args[4] == "--lossy");
         if (args.size() == 3 && args[0] == "same") return same(args[1], args[2]);
+        if (args.size() >= 3 && args[0] == "peak-rss")
+            return peak_rss(args[1], std::vector<std::string>(args.begin() + 2, args.end()));
     } catch (std::exception const& e) {
         std::cerr << "image_probe: " << e.what() << "\n";
         return 2;

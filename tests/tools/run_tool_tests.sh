@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # End-to-end tests of the weftmap host on generated files.
-#   run_tool_tests.sh GROUP WEFTMAP PROBE WORKDIR
-# GROUP is formats, options, bad_input or cancel.
+#   run_tool_tests.sh GROUP WEFTMAP PROBE WORKDIR [BUILD]
+# GROUP is formats, options, bad_input, reading, writing or cancel; BUILD
+# (plain or sanitized) says which build is tested.
 set -u
-group=$1 tool=$2 probe=$3 work=$4
+group=$1 tool=$2 probe=$3 work=$4 build=${5:-plain}
 rm -rf "$work"
 mkdir -p "$work/in" "$work/out" "$work/log"
 cd "$work" || exit 1
@@ -16,12 +17,13 @@ passed=0 failed=0
 ok() { echo "ok: $1"; passed=$((passed + 1)); }
 fail() { echo "FAIL: $1"; sed 's/^/    /' log/stderr; failed=$((failed + 1)); }
 
-# expect NAME STATUS TEXT ARGS...: runs the host; checks its exit status and
-# that standard error holds TEXT (when not empty).
+# expect NAME STATUS TEXT ARGS...: runs the host (through $runner when set);
+# checks its exit status and that standard error holds TEXT (when not empty).
+runner=
 expect() {
     local name=$1 status=$2 text=$3
     shift 3
-    "$tool" "$@" </dev/null >log/stdout 2>log/stderr
+    $runner "$tool" "$@" </dev/null >log/stdout 2>log/stderr
     local got=$?
     if [ "$got" -ne "$status" ]; then
         fail "$name: exit status $got, expected $status"
@@ -59,6 +61,20 @@ check_info() {
     got=$("$probe" info "$2" </dev/null)
     [ "$got" = "$3" ] && ok "$1: $3" || { echo "$got" >log/stderr; fail "$1: '$got', not '$3'"; }
 }
+
+# Runners for expect.
+with_file_limit() { (ulimit -f 1 && exec "$@"); }
+# Writes the peak resident size in KiB to log/rss.
+with_peak_size() {
+    if [ -x /usr/bin/time ]; then
+        /usr/bin/time -f %M -o log/rss "$@"
+    else
+        "$probe" peak-rss log/rss "$@"
+    fi
+}
+
+# files_left: the names in out/, on one line.
+files_left() { ls -A out | tr '\n' ' '; }
 
 case "$group" in
 formats)
@@ -220,9 +236,142 @@ EOF
             ok "no temporary file is left" || fail "files left: $(ls -A out)"; }
     ;;
 
+reading)
+    # Layouts the host never writes read as the same pixels: tiles (a row of
+    # tiles at a time), separate planes, alpha samples, no resolution tags,
+    # interlacing, a 4-bit palette with transparency.
+    while read -r file same_as; do
+        check "$file reads as $same_as" "$probe" same "in/$file" "in/$same_as"
+    done <<'EOF'
+rgb8-strips.tif rgb8.tif
+rgb8-tiled.tif rgb8.tif
+rgb16-planes.tif rgb16.tif
+cmyk8-tiled-planes.tif cmyk8.tif
+rgb8-interlaced.png rgb8.png
+palette-trns.png palette-expected.png
+EOF
+    expect "fill a TIFF without resolution tags" 0 "" \
+        fill in/rgb8-strips.tif in/mask.png out/strips.tif --quiet &&
+        check "a TIFF without resolution tags is filled" \
+            "$probe" check-fill in/rgb8-strips.tif in/mask.png out/strips.tif
+    expect "fill a tiled TIFF with alpha" 0 \
+        "'in/rgb8-tiled.tif' has an alpha channel; it is ignored" \
+        fill in/rgb8-tiled.tif in/mask.png out/tiled.tif --quiet &&
+        check_info "fill a tiled TIFF with alpha" out/tiled.tif "TIFF 64x48 8-bit RGB"
+    # Palette expansion turns tRNS into an alpha channel, which is dropped.
+    expect "fill a palette PNG with tRNS" 0 \
+        "'in/palette-trns.png' has an alpha channel; it is ignored" \
+        fill in/palette-trns.png in/mask.png out/palette.png --quiet &&
+        check_info "fill a palette PNG with tRNS" out/palette.png "PNG 64x48 8-bit RGB"
+
+    # Damaged files: one line of ours, nothing from the codecs.
+    expect_refusal "a cut TIFF header" 3 \
+        "cannot read 'in/truncated.tif' as TIFF: Cannot read TIFF header" \
+        fill in/truncated.tif in/mask.png out/x.png
+
+    # Headers that claim gigabytes fail at once under the memory limit,
+    # before anything of that size is allocated or decoded.
+    for bomb in bomb.png bomb.jpg; do
+        runner=with_peak_size
+        expect_refusal "$bomb under --memory-limit" 5 \
+            "the memory limit of 67108864 bytes is too small" \
+            fill "in/$bomb" in/mask.png out/x.png --memory-limit 64M
+        runner=
+        peak=$(tail -n 1 log/rss)
+        if [ "$peak" -lt $((2 * 65536)) ]; then ok "$bomb: peak size $peak KiB"; else
+            fail "$bomb: peak size $peak KiB, more than twice the limit"
+        fi
+    done
+    ;;
+
+writing)
+    # Write failures under a file-size limit, in every format: exit 6, the
+    # older file as it was, no temporary file.
+    for extension in png jpg tif; do
+        rm -rf out && mkdir out
+        echo "an older file" >"out/old.$extension"
+        runner=with_file_limit
+        expect "ulimit -f: .$extension" 6 "cannot write 'out/old.$extension': File too large" \
+            fill in/big.png in/mask-empty-big.png "out/old.$extension" --quiet
+        runner=
+        [ "$(cat "out/old.$extension")" = "an older file" ] &&
+            ok "ulimit -f: the older .$extension file is intact" ||
+            fail "ulimit -f: the older .$extension file changed"
+        [ "$(files_left)" = "old.$extension " ] && ok "ulimit -f: no temporary .$extension file" ||
+            fail "ulimit -f: left $(files_left)"
+    done
+
+    # A full disk: a tiny file system, mounted in a mount namespace of the
+    # test's own so that nothing outlives it.
+    rm -rf out && mkdir -p out/small
+    if unshare -m --propagation private mount -t tmpfs -o size=16k weftmap-test out/small \
+        2>/dev/null; then
+        for extension in png jpg tif; do
+            unshare -m --propagation private bash -c '
+                mount -t tmpfs -o size=16k weftmap-test out/small || exit 99
+                echo "an older file" >"out/small/old.$2"
+                "$1" fill in/big.png in/mask-empty-big.png "out/small/old.$2" --quiet \
+                    </dev/null >log/stdout 2>log/stderr
+                status=$?
+                ls -A out/small | tr "\n" " " >log/small-files
+                cat "out/small/old.$2" >log/small-old
+                exit $status' bash "$tool" "$extension"
+            status=$?
+            if [ "$status" -eq 6 ] && grep -qF "No space left on device" log/stderr; then
+                ok "full disk: .$extension refused"
+            else
+                fail "full disk: .$extension exit status $status"
+            fi
+            [ "$(cat log/small-old)" = "an older file" ] &&
+                [ "$(cat log/small-files)" = "old.$extension " ] &&
+                ok "full disk: the older .$extension file is intact, no temporary" ||
+                fail "full disk: left $(cat log/small-files)"
+        done
+    else
+        echo "skip: cannot mount a small tmpfs here (needs root and mount namespaces)"
+    fi
+
+    # Outputs that exist and are no regular file are never replaced.
+    rm -rf out && mkdir out
+    mkfifo out/fifo
+    expect "output to a FIFO" 6 "cannot write 'out/fifo': it is not a regular file" \
+        fill in/rgb8.png in/mask.png out/fifo --quiet
+    [ -p out/fifo ] && [ "$(files_left)" = "fifo " ] && ok "the FIFO stays, no temporary" ||
+        fail "FIFO: left $(files_left)"
+    # A device node of the test's own where it may make one, so that a fault
+    # could never replace the machine's /dev/null; /dev/null itself only
+    # where /dev is not writable.
+    if mknod out/null c 1 3 2>/dev/null; then
+        device=out/null
+    elif [ ! -w /dev ]; then
+        device=/dev/null
+    else
+        device=
+        echo "skip: no device node to write to"
+    fi
+    if [ -n "$device" ]; then
+        expect "output to a device" 6 "cannot write '$device': it is not a regular file" \
+            fill in/rgb8.png in/mask.png "$device" --quiet
+        [ -c "$device" ] && ok "the device stays a device" || fail "$device was replaced"
+    fi
+
+    # --compare naming the output is a usage error, however it is spelt.
+    expect_refusal "--compare is the output" 2 "--compare names the output 'out/x.png' again" \
+        fill in/rgb8.png in/mask.png out/x.png --compare out/x.png
+    expect_refusal "--compare is the output, spelt otherwise" 2 "--compare names the output" \
+        fill in/rgb8.png in/mask.png out/x.png --compare ./out/../out/x.png
+
+    # A final name of 250 bytes: the temporary name must fit beside it.
+    long=$(printf 'n%.0s' $(seq 246)).png
+    rm -rf out && mkdir out
+    expect "a 250-byte output name" 0 "" fill in/rgb8.png in/mask.png "out/$long" --quiet &&
+        { [ "$(files_left)" = "$long " ] && ok "only the 250-byte file is left" ||
+            fail "left $(files_left)"; }
+    ;;
+
 cancel)
     "$probe" make-large in/large.png in/large-mask.png 2000 || exit 1
-    for signal in INT TERM; do
+    for signal in INT TERM HUP; do
         rm -rf out && mkdir out
         "$tool" fill in/large.png in/large-mask.png out/large.png 2>log/stderr >log/stdout &
         pid=$!
@@ -244,6 +393,7 @@ cancel)
         status=$?
         expected=130
         [ "$signal" = TERM ] && expected=143
+        [ "$signal" = HUP ] && expected=129
         if [ "$status" -eq "$expected" ]; then ok "SIG$signal: exit status $status"; else
             fail "SIG$signal: exit status $status, expected $expected"
         fi
@@ -252,6 +402,40 @@ cancel)
         [ -z "$(ls -A out)" ] && ok "SIG$signal: no output and no temporary file" ||
             fail "SIG$signal: left $(ls -A out | tr '\n' ' ')"
     done
+
+    # A second signal ends the process at once, without unwinding: the
+    # handler itself removes the temporary files. Sent while the process is
+    # stopped, both are pending when it goes on, so the second always comes
+    # before the first could be handled by unwinding (two of one kind would
+    # merge into one).
+    rm -rf out && mkdir out
+    "$tool" fill in/large.png in/large-mask.png out/large.png --compare out/compare.png \
+        2>log/stderr >log/stdout &
+    pid=$!
+    for _ in $(seq 600); do
+        grep -q "filling: " log/stderr && break
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    kill -STOP "$pid"
+    kill -HUP "$pid"
+    kill -INT "$pid"
+    kill -CONT "$pid"
+    for _ in $(seq 600); do
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    kill -KILL "$pid" 2>/dev/null
+    wait "$pid"
+    status=$?
+    # Ended by whichever of the two came second.
+    [ "$status" -eq 129 ] || [ "$status" -eq 130 ] && ok "a second signal: exit status $status" ||
+        fail "a second signal: exit status $status, expected 129 or 130"
+    grep -q "cancelled; no output written" log/stderr &&
+        fail "a second signal: the run unwound instead of ending at once" ||
+        ok "a second signal ends the run at once"
+    [ -z "$(ls -A out)" ] && ok "a second signal: no output and no temporary file" ||
+        fail "a second signal: left $(ls -A out | tr '\n' ' ')"
     ;;
 
 *)
