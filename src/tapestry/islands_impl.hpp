@@ -122,7 +122,7 @@ void MultiTapestryFactory<Pixel>::ConstructAnimationFrame(image_t& out, view_t c
         raise("WEFTMAP_INTERNAL_ERROR: mismatch between buffer heights of different levels");
     if (!islands.empty() && island_labels.dimensions() != coarser.dimensions())
         raise("WEFTMAP_INTERNAL_ERROR: islands were found for a coarser picture of another size");
-    float const t = static_cast<float>(inbetween) / static_cast<float>(inbetweens + 1);
+    float const t = static_cast<float>(inbetween) / tapestry_detail::steps_between(inbetweens);
     bool const tiled = tile_mask != nullptr && tile_constraint != nullptr;
     Point const size =
         tiled

@@ -101,7 +101,7 @@ void MultiTapestryFactory<Pixel>::PrecomputeWidths(unsigned levels) {
         auto const a = static_cast<float>(widths[l][0]);
         auto const b = static_cast<float>(widths[l + 1][0]);
         for (std::int32_t i = 1; i <= inbetweens; ++i) {
-            float const t = static_cast<float>(i) / static_cast<float>(inbetweens + 1);
+            float const t = static_cast<float>(i) / tapestry_detail::steps_between(inbetweens);
             widths[l].push_back(tapestry_detail::truncate_u32((1.0 - t) * a + double(b * t)));
         }
     }

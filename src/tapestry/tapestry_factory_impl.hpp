@@ -215,7 +215,7 @@ void TapestryFactory<Pixel>::Construct(TapestryTileCache<Pixel>& cache, int firs
     }
     debug_log("Beginning tiled tapestry construction, tiles %d to %d\n",
               static_cast<long long>(begin), static_cast<long long>(end));
-    progress_scale = static_cast<float>(1.0 / static_cast<double>(tiles));
+    progress_scale = tiles > 0 ? static_cast<float>(1.0 / static_cast<double>(tiles)) : 1.0f;
     for (std::int64_t t = begin; t < end; ++t) {
         progress_offset = static_cast<float>(t - begin) / static_cast<float>(tiles);
         if (cache.TileExists(static_cast<int>(t))) {

@@ -28,6 +28,11 @@ inline float as_float(std::uint32_t v) {
     return static_cast<float>(static_cast<std::int64_t>(v));
 }
 
+// In-between i of n stands at i / (n + 1) of the way between two levels.
+inline float steps_between(std::int32_t inbetweens) {
+    return static_cast<float>(static_cast<std::int64_t>(inbetweens) + 1);
+}
+
 // The margin on each side of a tile: a quarter of a frame.
 inline std::int32_t tile_overlap(std::ptrdiff_t frame_width) {
     return truncate_i32(static_cast<float>(frame_width) * 0.25f);

@@ -89,6 +89,11 @@ TEST(TapestryTileCaches, ASubsetSourceMapsThroughItsListAndNeverAsksForWeights) 
     factory.Construct(tapestry, 0, -1);
     EXPECT_EQ(tapestry.dimensions(), Point(16, 9));
     EXPECT_EQ(source.weights_asked, 0);
+    // The source itself is asked for the weights of every frame it paints.
+    TapestryFactory<gray8_pixel_t> weighted(source, nullptr);
+    weighted.Construct(tapestry, 0, -1);
+    EXPECT_EQ(tapestry.dimensions(), Point(44, 9));
+    EXPECT_EQ(source.weights_asked, 10);
 }
 
 TEST(TapestryTileCaches, OneTileCacheHoldsOnePictureAsTileZero) {
