@@ -194,12 +194,13 @@ private:
 
 // ---- writing
 
-// Fast settings: measured on photographs and synthetic pictures, zlib
-// level 2 with the Sub and Up filters chosen per row encodes about four
-// times faster than the library's defaults (level 6, every filter) for
-// files 3 to 8 % larger.
+// Fast settings, measured on a 1200x800 photograph: zlib level 2 with the
+// Up filter on every row encodes in a sixth of the time of libpng's
+// defaults (level 6, filters chosen per row) for a file 2.7 % larger (25 %
+// on a smooth synthetic picture). Level 1 saves another tenth of the time
+// for up to 13 % more size; level 3 takes 40 % more time to save up to 9 %.
 constexpr int png_level = 2;
-constexpr int png_filters = PNG_FILTER_SUB | PNG_FILTER_UP;
+constexpr int png_filters = PNG_FILTER_UP;
 
 bool png_write_header(PngState* s, png_uint_32 width, png_uint_32 height, int depth,
                       int colour_type) {

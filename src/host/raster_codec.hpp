@@ -67,6 +67,7 @@ inline constexpr std::ptrdiff_t jpeg_max_side = 65500;
 
 // True when an uncompressed TIFF of this size passes the 4 GiB that
 // classic TIFF offsets reach, so that it must be written as BigTIFF.
-bool tiff_needs_big_format(PixelFormat format, Size size);
+// Exported for the kit's tests only.
+WEFTMAP_HOST_API bool tiff_needs_big_format(PixelFormat format, Size size);
 
 }  // namespace WM::host::detail
