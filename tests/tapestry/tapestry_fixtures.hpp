@@ -1,6 +1,6 @@
-// Frame sources and tile caches for the tapestry tests: a horizontal pan
-// over a generated picture, frames that carry their own number, an
-// in-memory multi-level cache and a single-level cache that records calls.
+// Frame sources and tile caches for the tapestry tests: a pan over a
+// generated picture, frames that carry their own number, and in-memory
+// caches that record every access.
 #pragma once
 
 #include "correspondence/recording_client.hpp"
@@ -9,10 +9,8 @@
 #include "support/test_client.hpp"
 
 #include <weftmap/correspondence/random.hpp>
-#include <weftmap/tapestry/frame_source.hpp>
 #include <weftmap/tapestry/multi_tapestry_factory.hpp>
 #include <weftmap/tapestry/tapestry_factory.hpp>
-#include <weftmap/tapestry/tile_cache.hpp>
 
 #include <map>
 #include <set>
@@ -25,54 +23,46 @@ namespace WM::test {
 template <class Src, class Dst>
 void paste(Src const& src, Dst const& dst, Point offset) {
     for (std::ptrdiff_t y = 0; y < src.height(); ++y)
-        for (std::ptrdiff_t x = 0; x < src.width(); ++x) {
-            std::ptrdiff_t const u = x + offset.x, v = y + offset.y;
-            if (u >= 0 && v >= 0 && u < dst.width() && v < dst.height()) dst(u, v) = src(x, y);
-        }
+        for (std::ptrdiff_t x = 0; x < src.width(); ++x)
+            if (x + offset.x >= 0 && y + offset.y >= 0 && x + offset.x < dst.width() &&
+                y + offset.y < dst.height())
+                dst(x + offset.x, y + offset.y) = src(x, y);
 }
 
-// Only a frame size and count: for the layout and planning formulas.
-template <class Pixel>
-struct SizeOnlySource : TapestryFrameSource<Pixel> {
-    SizeOnlySource(Point size, int count) : size(size), count(count) {}
-    int GetFrameCount() const override { return count; }
-    Point GetFrameSize() const override { return size; }
-    void GetFramePixels(int, View<Pixel>&, Point) const override {}
-    Point size;
-    int count;
-};
-
-// Frame i shows `picture` from column i * step: a camera panning right.
+// Frame i shows `picture` from column i * step; without a picture, only sizes.
 template <class Pixel>
 struct PanSource : TapestryFrameSource<Pixel> {
-    PanSource(RecycledImage<Pixel> picture, Point size, int count, int step)
+    PanSource(RecycledImage<Pixel> picture, Point size, int count, int step = 0)
         : picture(std::move(picture)), size(size), count(count), step(step) {}
     int GetFrameCount() const override { return count; }
     Point GetFrameSize() const override { return size; }
     void GetFramePixels(int frame, View<Pixel>& out, Point offset) const override {
         asked.push_back(frame);
-        auto const crop = gil::subimage_view(const_view(picture), frame * step, 0, size.x, size.y);
-        paste(crop, out, offset);
+        paste(gil::subimage_view(const_view(picture), frame * step, 0, size.x, size.y), out,
+              offset);
     }
     RecycledImage<Pixel> picture;
     Point size;
-    int count;
-    int step;
+    int count, step;
     mutable std::vector<int> asked;
 };
 
-// A textured picture wide enough for `count` frames of a pan: noise
-// blurred `passes` times with a 1-2-1 kernel in both directions, so that
-// patches vary gently, as photographs do.
+template <class Pixel>
+PanSource<Pixel> sizes_only(Point size, int count) {
+    return PanSource<Pixel>(RecycledImage<Pixel>(), size, count);
+}
+
+// Noise for `count` frames of a pan, blurred `passes` times with a 1-2-1
+// kernel (horizontally first): patches that vary gently, as in photographs.
 inline RecycledImage<gray8_pixel_t> pan_picture(Point frame, int count, int step, unsigned seed,
                                                 int passes = 1) {
     auto picture = random_image<gray8_pixel_t>(frame.x + count * step, frame.y, seed);
     auto const blur = [&](int dx, int dy) {
         auto const before = picture;
         auto const at = [&](std::ptrdiff_t x, std::ptrdiff_t y) {
-            x = std::clamp<std::ptrdiff_t>(x, 0, picture.width() - 1);
-            y = std::clamp<std::ptrdiff_t>(y, 0, picture.height() - 1);
-            return int(const_view(before)(x, y)[0]);
+            return int(
+                const_view(before)(std::clamp<std::ptrdiff_t>(x, 0, picture.width() - 1),
+                                   std::clamp<std::ptrdiff_t>(y, 0, picture.height() - 1))[0]);
         };
         for (std::ptrdiff_t y = 0; y < picture.height(); ++y)
             for (std::ptrdiff_t x = 0; x < picture.width(); ++x)
@@ -84,140 +74,77 @@ inline RecycledImage<gray8_pixel_t> pan_picture(Point frame, int count, int step
     return picture;
 }
 
-// Frame i is a flat grey of numbered_level(i) with a faint texture, so
-// that every pixel of a result tells which frame it came from.
+// Frame i: a flat grey of numbered_level(i) with a faint texture.
 inline int numbered_level(int frame) {
     return 60 + 35 * frame;
 }
+inline RecycledImage<gray8_pixel_t> numbered_frames(Point size, int count) {
+    RecycledImage<gray8_pixel_t> strip(Point(size.x * count, size.y));
+    for (std::ptrdiff_t y = 0; y < size.y; ++y)
+        for (std::ptrdiff_t x = 0; x < strip.width(); ++x)
+            view(strip)(x, y)[0] = static_cast<unsigned char>(numbered_level(int(x / size.x)) +
+                                                              (x * 7 + y * 3) % 9 - 4);
+    return strip;
+}
 
-struct NumberedSource : TapestryFrameSource<gray8_pixel_t> {
-    NumberedSource(Point size, int count) : size(size), count(count) {}
-    int GetFrameCount() const override { return count; }
-    Point GetFrameSize() const override { return size; }
-    void GetFramePixels(int frame, GrayView& out, Point offset) const override {
-        RecycledImage<gray8_pixel_t> image(size);
-        for (std::ptrdiff_t y = 0; y < size.y; ++y)
-            for (std::ptrdiff_t x = 0; x < size.x; ++x)
-                view(image)(x, y)[0] =
-                    static_cast<unsigned char>(numbered_level(frame) + (x * 7 + y * 3) % 9 - 4);
-        paste(const_view(image), out, offset);
-    }
-    Point size;
-    int count;
-};
-
-// A single-level cache in memory that records which tiles were asked,
-// read and written, and can fail once when a tile is first asked for.
-template <class Pixel>
-struct RecordingTileCache : TapestryTileCache<Pixel> {
-    using Write = std::tuple<int, std::ptrdiff_t>;  // tile, x of the position
-
-    explicit RecordingTileCache(Point tile_size) : tile_size(tile_size) {}
-    Point GetTileSize() const override { return tile_size; }
-    bool TileExists(int tile) const override {
-        if (tile == fail_at_tile) {
-            fail_at_tile = -100;
-            throw Exception("WEFTMAP_USER_CANCELED");
-        }
-        return tiles.count(tile) != 0;
-    }
-    void GetPixels(int tile, View<Pixel>& out, Point position) const override {
-        reads.emplace_back(tile, position.x);
-        auto const it = tiles.find(tile);
-        if (it != tiles.end()) paste(const_view(it->second), out, Point(-position.x, -position.y));
-    }
-    void SetPixels(int tile, View<Pixel> const& in, Point position) override {
-        writes.emplace_back(tile, position.x);
-        auto& image = tiles[tile];
-        if (image.width() == 0) image = filled(tile_size, Pixel());
-        paste(in, view(image), position);
-    }
-    void SetIndexMapPixels(unsigned tile, IndexMapView& in, Point position) override {
-        auto& image = index_maps[static_cast<int>(tile)];
-        if (image.width() == 0) image = filled(tile_size, rgb8_pixel_t(0, 0, 0));
-        paste(in, view(image), position);
-    }
-    // The tiles' constructions: writes at the tile's own position.
-    std::vector<int> built(std::ptrdiff_t overlap) const {
-        std::vector<int> result;
-        for (auto const& [tile, x] : writes)
-            if (x == -overlap) result.push_back(tile);
-        return result;
-    }
-    // Tiles 0 .. count-1 side by side.
-    RecycledImage<Pixel> picture(int count) const {
-        RecycledImage<Pixel> result = filled(Point(tile_size.x * count, tile_size.y), Pixel());
-        for (auto const& [tile, image] : tiles)
-            if (tile >= 0 && tile < count)
-                paste(const_view(image), view(result), Point(tile * tile_size.x, 0));
-        return result;
-    }
-
-    Point tile_size;
-    std::map<int, RecycledImage<Pixel>> tiles;
-    std::map<int, RecycledImage<rgb8_pixel_t>> index_maps;
-    mutable std::vector<Write> reads;
-    std::vector<Write> writes;
-    mutable int fail_at_tile = -100;
-};
-
-// A multi-level cache in memory; a tile exists once written. Picture
-// widths come from the factory's plan.
+// A multi-level cache in memory that records accesses as (level,
+// in-between, tile, x of the position) and can fail once when a tile is
+// first asked for; picture widths come from the plan.
 template <class Pixel>
 struct MemoryMultiCache : MultiTapestryTileCache<Pixel> {
-    using Key = std::tuple<unsigned, unsigned, unsigned>;  // level, in-between, tile
-
+    using Key = std::tuple<unsigned, unsigned, unsigned>;
+    using Access = std::tuple<unsigned, unsigned, unsigned, std::ptrdiff_t>;
     explicit MemoryMultiCache(Point tile_size) : tile_size(tile_size) {}
     Point GetTileSize() const override { return tile_size; }
-    unsigned GetTileCount(unsigned level, unsigned inbetween) const override {
-        return static_cast<unsigned>((widths.at(level).at(inbetween) + tile_size.x - 1) /
-                                     tile_size.x);
+    unsigned GetTileCount(unsigned level, unsigned i) const override {
+        return unsigned((widths.at(level).at(i) + tile_size.x - 1) / tile_size.x);
     }
-    bool TileExists(unsigned level, unsigned inbetween, unsigned tile) const override {
-        return tiles.count({level, inbetween, tile}) != 0;
+    bool TileExists(unsigned l, unsigned i, unsigned t) const override {
+        if (t == fail_at_tile) fail_at_tile = ~0u, raise("WEFTMAP_USER_CANCELED");
+        return tiles.count({l, i, t}) != 0;
     }
-    bool IndexMapTileExists(unsigned level, unsigned tile) const override {
-        return index_maps.count({level, 0, tile}) != 0;
+    bool IndexMapTileExists(unsigned l, unsigned t) const override {
+        return maps.count({l, 0, t}) != 0;
     }
-    bool AdjacentTileExists(unsigned level, unsigned tile) const override {
-        return marked.count({level, tile}) != 0;
+    bool AdjacentTileExists(unsigned l, unsigned t) const override { return marked.count({l, t}); }
+    void MarkAnimationTile(unsigned l, unsigned t) override { marked.insert({l, t}); }
+    void ReadTile(unsigned l, unsigned i, unsigned t, View<Pixel>& out, Point p) const override {
+        reads.emplace_back(l, i, t, p.x);
+        paste(const_view(tiles.at({l, i, t})), out, Point(-p.x, -p.y));
     }
-    void MarkAnimationTile(unsigned level, unsigned tile) override { marked.insert({level, tile}); }
-    void ReadTile(unsigned level, unsigned inbetween, unsigned tile, View<Pixel>& out,
-                  Point position) const override {
-        reads.push_back({level, inbetween, tile, position.x});
-        paste(const_view(tiles.at({level, inbetween, tile})), out, Point(-position.x, -position.y));
+    void ReadIndexMapTile(unsigned l, unsigned t, IndexMapView& out, Point p) const override {
+        paste(const_view(maps.at({l, 0, t})), out, Point(-p.x, -p.y));
     }
-    void ReadIndexMapTile(unsigned level, unsigned tile, IndexMapView& out,
-                          Point position) const override {
-        paste(const_view(index_maps.at({level, 0, tile})), out, Point(-position.x, -position.y));
+    void WriteTile(unsigned l, unsigned i, unsigned t, View<Pixel> const& in, Point p) override {
+        writes.emplace_back(l, i, t, p.x);
+        store(tiles, {l, i, t}, in, p);
     }
-    void WriteTile(unsigned level, unsigned inbetween, unsigned tile, View<Pixel> const& in,
-                   Point position) override {
-        writes.push_back({level, inbetween, tile, position.x});
-        auto& image = tiles[{level, inbetween, tile}];
-        if (image.width() == 0) image = filled(tile_size, Pixel());
-        paste(in, view(image), position);
+    void WriteIndexMapTile(unsigned l, unsigned t, IndexMapView const& in, Point p) override {
+        store(maps, {l, 0, t}, in, p);
     }
-    void WriteIndexMapTile(unsigned level, unsigned tile, IndexMapView const& in,
-                           Point position) override {
-        auto& image = index_maps[{level, 0, tile}];
-        if (image.width() == 0) image = filled(tile_size, rgb8_pixel_t(0, 0, 0));
-        paste(in, view(image), position);
+    template <class Map, class In>
+    void store(Map& map, Key key, In const& in, Point p) {
+        if (!map.count(key)) map[key] = filled(tile_size, typename In::value_type());
+        paste(in, view(map[key]), p);
     }
-
-    struct Access {
-        unsigned level, inbetween, tile;
-        std::ptrdiff_t x;
-        bool operator==(Access const& o) const {
-            return std::tie(level, inbetween, tile, x) ==
-                   std::tie(o.level, o.inbetween, o.tile, o.x);
-        }
-    };
+    // The tiles built, in order: writes at a tile's own position.
+    std::vector<std::pair<unsigned, unsigned>> built(std::ptrdiff_t overlap) const {
+        std::vector<std::pair<unsigned, unsigned>> result;
+        for (auto const& [level, inbetween, tile, x] : writes)
+            if (x == -overlap) result.emplace_back(level, tile);
+        return result;
+    }
+    RecycledImage<Pixel> picture(unsigned count) const {  // level 0, tiles side by side
+        auto result = filled(Point(tile_size.x * count, tile_size.y), Pixel());
+        for (unsigned t = 0; t < count; ++t)
+            paste(const_view(tiles.at({0, 0, t})), view(result), Point(t * tile_size.x, 0));
+        return result;
+    }
     Point tile_size;
+    mutable unsigned fail_at_tile = ~0u;
     std::vector<std::vector<std::uint32_t>> widths;
     std::map<Key, RecycledImage<Pixel>> tiles;
-    std::map<Key, RecycledImage<rgb8_pixel_t>> index_maps;
+    std::map<Key, RecycledImage<rgb8_pixel_t>> maps;
     std::set<std::pair<unsigned, unsigned>> marked;
     mutable std::vector<Access> reads;
     std::vector<Access> writes;
@@ -229,15 +156,13 @@ struct OpenTapestryFactory : TapestryFactory<Pixel> {
     using TapestryFactory<Pixel>::TapestryFactory;
     using TapestryFactory<Pixel>::PreallocateTileBuffers;
 };
-
 template <class Pixel>
 struct OpenMultiFactory : MultiTapestryFactory<Pixel> {
     using MultiTapestryFactory<Pixel>::MultiTapestryFactory;
-    using MultiTapestryFactory<Pixel>::PrecomputeWidths;
     using MultiTapestryFactory<Pixel>::PrepareProgressTable;
     using MultiTapestryFactory<Pixel>::AdvanceProgress;
     // Plans the widths again for the current in-between count.
-    void replan() { PrecomputeWidths(static_cast<unsigned>(this->frame_lists.size())); }
+    void replan() { this->PrecomputeWidths(unsigned(this->frame_lists.size())); }
 };
 
 // One correspondence band and a fixed seed: runs that repeat exactly.
