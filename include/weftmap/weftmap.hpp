@@ -29,3 +29,7 @@
 #include <weftmap/recomposer/level_buffers.hpp>
 #include <weftmap/recomposer/parameters.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
+
+#include <weftmap/twopass/pixel_access.hpp>
+#include <weftmap/twopass/tile_array.hpp>
+#include <weftmap/twopass/two_pass_synthesis.hpp>
