@@ -33,3 +33,9 @@
 #include <weftmap/twopass/pixel_access.hpp>
 #include <weftmap/twopass/tile_array.hpp>
 #include <weftmap/twopass/two_pass_synthesis.hpp>
+
+#include <weftmap/tapestry/frame_source.hpp>
+#include <weftmap/tapestry/multi_tapestry_factory.hpp>
+#include <weftmap/tapestry/tapestry_factory.hpp>
+#include <weftmap/tapestry/tapestry_json.hpp>
+#include <weftmap/tapestry/tile_cache.hpp>
