@@ -79,14 +79,11 @@ struct JpegRead {
     }
 };
 
-bool jpeg_read_header(JpegRead* r, std::FILE* file, unsigned long memory_budget) {
+bool jpeg_read_header(JpegRead* r, std::FILE* file) {
     if (setjmp(r->s.jump)) return false;
     r->info.err = &r->s.errors;
     jpeg_create_decompress(&r->info);
     r->created = true;
-    // Progressive files keep every coefficient of the picture; past the
-    // memory limit the library fails instead of growing the process.
-    if (memory_budget != 0) r->info.mem->max_memory_to_use = static_cast<long>(memory_budget);
     jpeg_stdio_src(&r->info, file);
     jpeg_read_header(&r->info, TRUE);
     switch (r->info.jpeg_color_space) {
@@ -105,8 +102,11 @@ bool jpeg_read_header(JpegRead* r, std::FILE* file, unsigned long memory_budget)
     return true;
 }
 
-bool jpeg_start_reading(JpegRead* r) {
+bool jpeg_start_reading(JpegRead* r, long memory_budget) {
     if (setjmp(r->s.jump)) return false;
+    // Progressive files keep every coefficient of the picture; past what the
+    // memory limit leaves, the library fails instead of growing the process.
+    if (memory_budget != 0) r->info.mem->max_memory_to_use = memory_budget;
     jpeg_start_decompress(&r->info);
     return true;
 }
@@ -128,10 +128,7 @@ class JpegDecoder final : public RowDecoder {
 public:
     explicit JpegDecoder(DecoderSource const& source) : name_(source.path) {
         set_up_errors(&r_.s, name_, source.warnings);
-        auto const budget = codec_memory_budget();
-        auto const most = static_cast<std::uint64_t>(std::numeric_limits<long>::max());
-        if (!jpeg_read_header(&r_, source.file, static_cast<unsigned long>(std::min(budget, most))))
-            fail();
+        if (!jpeg_read_header(&r_, source.file)) fail();
         int const components = r_.info.out_color_components;
         Colour const colour = r_.info.out_color_space == JCS_GRAYSCALE ? Colour::gray
                               : r_.info.out_color_space == JCS_CMYK    ? Colour::cmyk
@@ -146,7 +143,9 @@ public:
         // Decoding starts with the first rows, after the caller has found
         // room for the picture: a progressive file is read whole here.
         if (!started_) {
-            if (!jpeg_start_reading(&r_)) fail();
+            auto const most = static_cast<std::uint64_t>(std::numeric_limits<long>::max());
+            long const budget = static_cast<long>(std::min(codec_memory_budget(), most));
+            if (!jpeg_start_reading(&r_, budget)) fail();
             started_ = true;
         }
         if (!jpeg_read_band(&r_, first, stride, count)) fail();
