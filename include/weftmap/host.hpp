@@ -4,6 +4,7 @@
 #include <weftmap/host/errors.hpp>
 #include <weftmap/host/export.hpp>
 #include <weftmap/host/image.hpp>
+#include <weftmap/host/large_fill.hpp>
 #include <weftmap/host/options.hpp>
 #include <weftmap/host/runtime.hpp>
 #include <weftmap/host/synthesis.hpp>

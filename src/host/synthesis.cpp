@@ -1,5 +1,6 @@
 #include "dispatch.hpp"
 #include "library_errors.hpp"
+#include "recomposer_settings.hpp"
 #include "run_client.hpp"
 #include "storage.hpp"
 
@@ -38,18 +39,6 @@ void check_mask(ConstImageView const& mask, ConstImageView const& image, char co
                                                   "; they must be the same size");
 }
 
-RecomposerMode preset_of(Mode mode) {
-    switch (mode) {
-        case Mode::hole_fill:
-            return RecomposerModeHoleFill;
-        case Mode::tapestry:
-            return RecomposerModeTapestry;
-        case Mode::general:
-            break;
-    }
-    return RecomposerModeDefault;
-}
-
 struct Job {
     ConstImageView image;
     ConstImageView const* hole;  // fill
@@ -63,9 +52,8 @@ Image run(Job const& job) {
     using Pixel = typename Compare::pixel_t;
     detail::RunClient<Pixel> client(job.options);
     return client.run([&] {
-        WeftmapRecomposer<Compare> recomposer(&client, preset_of(job.mode));
-        auto options = job.options.recomposer_options;
-        if (job.options.seed) options["-rand"] = std::to_string(*job.options.seed);
+        WeftmapRecomposer<Compare> recomposer(&client, detail::preset_of(job.mode));
+        auto options = detail::option_map(job.options);
         recomposer.setParameters(options);
         if (debug_output() != nullptr) recomposer.serialize();
 
