@@ -2,8 +2,11 @@
 
 #include "errors.hpp"
 
+#include <weftmap/host/large_fill.hpp>
+
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 
@@ -151,6 +154,9 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         } else if (arg == "--quiet") {
             no_value();
             a.quiet = true;
+        } else if (arg == "--tiled" && a.command == Command::fill) {
+            no_value();
+            a.tiled = true;
         } else if (arg == "--compare" && a.command == Command::fill) {
             a.compare_path = value();
             if (a.compare_path.empty()) bad("--compare needs a file name");
@@ -170,6 +176,10 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         bad(command + " needs " +
             (a.command == Command::fill ? "IMAGE MASK OUTPUT" : std::string("IMAGE OUTPUT")) +
             ", got " + std::to_string(a.files.size()) + " file name(s)");
+    if (a.tiled && !a.compare_path.empty())
+        bad("--compare needs the whole picture in memory and cannot go with --tiled");
+    if (a.tiled && a.comparator == WM::host::Comparator::gain_bias)
+        bad("--tiled compares patches plainly; it cannot go with --comparator gain-bias");
     if (a.command == Command::retarget) {
         if (a.scale > 0.0 && (a.width != 0 || a.height != 0))
             bad("retarget takes --scale or --width/--height, not both");
@@ -179,7 +189,10 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
     return a;
 }
 
-char const* usage_text() {
+namespace {
+
+// The help text, "{limit}" standing for this machine's default memory limit.
+char const* usage_template() {
     return "usage:\n"
            "  weftmap fill IMAGE MASK OUTPUT [options] [--compare FILE]\n"
            "  weftmap retarget IMAGE OUTPUT (--width W | --height H | --scale S) [options]\n"
@@ -190,6 +203,12 @@ char const* usage_text() {
            "          passed on as they are) with material from the rest of IMAGE.\n"
            "          --compare FILE  also writes the input with the hole tinted beside the\n"
            "                          result, as 8-bit RGB\n"
+           "          --tiled         fills in two passes: first the whole job at the finest\n"
+           "                          scale that fits --memory-limit, then the full size tile\n"
+           "                          by tile, with the picture in working files in $TMPDIR\n"
+           "                          (default /tmp). Taken by itself when one pass would not\n"
+           "                          fit the limit, so pictures of any size fill in bounded\n"
+           "                          memory\n"
            "retarget  changes the picture's size while keeping its texture; --width and\n"
            "          --height may be given together, a missing one keeps the input's side\n"
            "\n"
@@ -202,7 +221,8 @@ char const* usage_text() {
            "  --seed N             random seed (0 seeds from the clock; default: fixed)\n"
            "  --threads N          number of search bands (default: one per core)\n"
            "  --scalar             scalar patch kernels instead of the vector ones\n"
-           "  --memory-limit BYTES limit of the library's image memory (K, M, G suffixes)\n"
+           "  --memory-limit BYTES limit of the image memory (K, M, G suffixes; default half\n"
+           "                       the machine's memory, here {limit})\n"
            "  --checksums          diagnostic channel with image checksums on standard error\n"
            "  --quiet              no progress and no summary\n"
            "\n"
@@ -221,6 +241,33 @@ char const* usage_text() {
            "  6    the output cannot be written\n"
            "  130  cancelled with Ctrl-C (143 with SIGTERM, 129 with SIGHUP); no output is\n"
            "       written\n";
+}
+
+}  // namespace
+
+char const* usage_text() {
+    static std::string const text = [] {
+        std::string t = usage_template();
+        std::string const marker = "{limit}";
+        t.replace(t.find(marker), marker.size(), byte_count_text(WM::host::default_memory_limit()));
+        return t;
+    }();
+    return text.c_str();
+}
+
+std::string byte_count_text(unsigned long long bytes) {
+    static char const units[] = {'K', 'M', 'G', 'T'};
+    double value = double(bytes);
+    int unit = -1;
+    while (value >= 1024.0 && unit < 3) {
+        value /= 1024.0;
+        ++unit;
+    }
+    if (unit < 0) return std::to_string(bytes);
+    char text[32];
+    bool const fraction = value < 10.0 && value != double(long(value));
+    std::snprintf(text, sizeof text, fraction ? "%.1f%c" : "%.0f%c", value, units[unit]);
+    return text;
 }
 
 }  // namespace weftmap_tool

@@ -32,6 +32,8 @@ struct Arguments {
 
     // fill: a side-by-side picture of the input (hole tinted) and the result.
     std::string compare_path;
+    // fill: two passes with working files even when one pass would fit.
+    bool tiled = false;
 
     // retarget: the new width and height (0 keeps the input's) or a scale.
     long long width = 0;
@@ -45,7 +47,10 @@ Arguments parse_arguments(std::vector<std::string> const& args);
 // "1500", "64K", "512M", "2G" (powers of 1024). Throws ToolError on anything else.
 unsigned long long parse_byte_count(std::string const& text);
 
-// The text of `weftmap --help`.
+// The text of `weftmap --help`, with this machine's default memory limit.
 char const* usage_text();
+
+// "512M", "11.7G": a byte count as --memory-limit takes it, rounded.
+std::string byte_count_text(unsigned long long bytes);
 
 }  // namespace weftmap_tool

@@ -98,7 +98,7 @@ int main(int argc, char** argv) {
     channel.channelName = "weftmap";
     channel.checksumsEnabled = args.checksums;
     if (args.checksums) WM::host::set_diagnostic_channel(&channel);
-    if (args.memory_limit) WM::host::set_memory_limit(*args.memory_limit);
+    WM::host::set_memory_limit(args.memory_limit.value_or(WM::host::default_memory_limit()));
     install_interrupt_handlers();
     int const status = run(args);
     WM::host::set_diagnostic_channel(nullptr);

@@ -4,8 +4,11 @@
 #include "interrupt.hpp"
 #include "progress.hpp"
 
+#include <weftmap/host/errors.hpp>
 #include <weftmap/host/image_file.hpp>
+#include <weftmap/host/large_fill.hpp>
 #include <weftmap/host/output_file.hpp>
+#include <weftmap/host/runtime.hpp>
 #include <weftmap/host/synthesis.hpp>
 
 #include <sys/stat.h>
@@ -96,7 +99,7 @@ host::Image compare_picture(host::ConstImageView const& input, host::ConstImageV
     return picture;
 }
 
-host::Options kit_options(Arguments const& args, ProgressDisplay& progress) {
+host::Options kit_options(Arguments const& args) {
     host::Options options;
     options.mode = args.mode;
     options.comparator = args.comparator;
@@ -104,8 +107,13 @@ host::Options kit_options(Arguments const& args, ProgressDisplay& progress) {
     options.seed = args.seed;
     options.bands = args.threads;
     options.scalar_kernels = args.scalar;
-    options.progress = [&progress](float fraction) { progress.update(fraction); };
     options.cancel = &interrupt_flag();
+    return options;
+}
+
+host::Options kit_options(Arguments const& args, ProgressDisplay& progress) {
+    host::Options options = kit_options(args);
+    options.progress = [&progress](float fraction) { progress.update(fraction); };
     return options;
 }
 
@@ -116,34 +124,25 @@ void report(host::OutputFile const& file, host::Size size, std::string const& wr
                     written.c_str());
 }
 
-}  // namespace
+void report_empty_hole(std::string const& mask_path, std::string const& output_path,
+                       std::string const& written) {
+    std::fprintf(stderr,
+                 "weftmap: the mask '%s' marks no hole, nothing to fill; '%s' is a copy of the "
+                 "input (%s)\n",
+                 mask_path.c_str(), output_path.c_str(), written.c_str());
+}
 
-int run_fill(Arguments const& args) {
+// The whole picture in memory, in one pass.
+int fill_whole(Arguments const& args, host::FileFormat format) {
     std::string const& image_path = args.files[0];
     std::string const& mask_path = args.files[1];
     std::string const& output_path = args.files[2];
-    output_format(output_path, host::FileFormat::png);  // refuse an unknown type before reading
-    if (!args.compare_path.empty()) {
-        output_format(args.compare_path, host::FileFormat::png);
-        // The second rename would replace the first file.
-        if (same_file(args.compare_path, output_path))
-            throw ToolError(exit_usage, "--compare names the output '" + output_path +
-                                            "' again; give the side-by-side picture a name of "
-                                            "its own (see 'weftmap --help')");
-    }
-
     host::ImageFile const input = read_image(image_path);
     host::Warnings warnings;
     host::Image const mask = host::read_mask_file(mask_path, &warnings);
     show(warnings);
     check_cancel();
-    if (mask.size() != input.image.size())
-        throw ToolError(exit_input, "the mask '" + mask_path + "' is " +
-                                        host::size_text(mask.size()) + " but the image '" +
-                                        image_path + "' is " + host::size_text(input.image.size()) +
-                                        "; they must be the same size");
 
-    host::FileFormat const format = output_format(output_path, input.format);
     host::OutputFile output(output_path);
     std::optional<host::OutputFile> compare;
     if (!args.compare_path.empty()) compare.emplace(args.compare_path);
@@ -168,10 +167,7 @@ int run_fill(Arguments const& args) {
     output.commit();
     if (compare) compare->commit();
     if (empty_hole) {
-        std::fprintf(stderr,
-                     "weftmap: the mask '%s' marks no hole, nothing to fill; '%s' is a copy of "
-                     "the input (%s)\n",
-                     mask_path.c_str(), output_path.c_str(), written.c_str());
+        report_empty_hole(mask_path, output_path, written);
         return exit_ok;
     }
     report(output, result.size(), written, args);
@@ -179,6 +175,113 @@ int run_fill(Arguments const& args) {
         std::printf("wrote %s (input with the hole tinted | result, %s)\n", compare->path().c_str(),
                     compare_written.c_str());
     return exit_ok;
+}
+
+// Two passes over working files: the picture never in memory as a whole.
+int fill_tiled(Arguments const& args, host::FileFormat format) {
+    std::string const& image_path = args.files[0];
+    std::string const& mask_path = args.files[1];
+    std::string const& output_path = args.files[2];
+    host::Options options = kit_options(args);
+    if (!args.compare_path.empty())
+        warn(
+            "no side-by-side picture (--compare) for a fill in two passes, which never holds "
+            "the whole picture");
+    if (options.comparator == host::Comparator::gain_bias) {
+        warn("a fill in two passes compares patches plainly; --comparator gain-bias is ignored");
+        options.comparator = host::Comparator::translate;
+    }
+
+    host::Warnings warnings;
+    host::RasterReader image(image_path, &warnings);
+    host::RasterReader mask(mask_path, &warnings);
+    show(warnings);
+    warnings.clear();
+    host::OutputFile output(output_path);
+    host::RasterWriter writer(output.temporary_path(), output.path(), format, image.format(),
+                              image.size(), &warnings);
+    host::LargeFillReport done;
+    {
+        ProgressDisplay progress("filling", !args.quiet);
+        options.progress = [&progress](float fraction) { progress.update(fraction); };
+        done = host::fill_large(image, mask, writer, options, host::default_temporary_folder());
+        progress.update(1.0f);
+    }
+    show(warnings);
+    check_cancel();
+    output.commit();
+    std::string const written = writer.description();
+    if (done.hole_empty) {
+        report_empty_hole(mask_path, output_path, written);
+        return exit_ok;
+    }
+    if (args.quiet) return exit_ok;
+    std::string passes;
+    if (done.coarse_scale == 0)
+        passes = "one pass at full size from working files";
+    else
+        passes = "two passes: the whole at " + host::size_text(done.coarse_size) + ", then " +
+                 std::to_string(done.tiles_filled) + " of " + std::to_string(done.tiles) +
+                 " tiles at full size";
+    std::printf("wrote %s (%s, %s; %s)\n", output.path().c_str(),
+                host::size_text(image.size()).c_str(), written.c_str(), passes.c_str());
+    return exit_ok;
+}
+
+}  // namespace
+
+int run_fill(Arguments const& args) {
+    std::string const& image_path = args.files[0];
+    std::string const& mask_path = args.files[1];
+    std::string const& output_path = args.files[2];
+    output_format(output_path, host::FileFormat::png);  // refuse an unknown type before reading
+    if (!args.compare_path.empty()) {
+        output_format(args.compare_path, host::FileFormat::png);
+        // The second rename would replace the first file.
+        if (same_file(args.compare_path, output_path))
+            throw ToolError(exit_usage, "--compare names the output '" + output_path +
+                                            "' again; give the side-by-side picture a name of "
+                                            "its own (see 'weftmap --help')");
+    }
+
+    // The headers alone: sizes are checked and the way of filling chosen
+    // before anything is decoded.
+    host::Size size;
+    host::PixelFormat pixel_format;
+    host::FileFormat input_format;
+    {
+        host::RasterReader const image(image_path);
+        host::RasterReader const mask(mask_path);
+        check_cancel();
+        if (mask.size() != image.size())
+            throw ToolError(exit_input, "the mask '" + mask_path + "' is " +
+                                            host::size_text(mask.size()) + " but the image '" +
+                                            image_path + "' is " + host::size_text(image.size()) +
+                                            "; they must be the same size");
+        size = image.size();
+        pixel_format = image.format();
+        input_format = image.file_format();
+    }
+    host::FileFormat const format = output_format(output_path, input_format);
+
+    bool const fits =
+        args.tiled || host::fill_fits_in_memory(pixel_format, size, kit_options(args));
+    if (!fits && !args.quiet)
+        std::printf(
+            "filling in two passes: one pass over %s pixels would need more than the "
+            "memory limit of %s\n",
+            host::size_text(size).c_str(), byte_count_text(host::memory_limit()).c_str());
+    if (args.tiled || !fits) return fill_tiled(args, format);
+    try {
+        return fill_whole(args, format);
+    } catch (host::Error const& e) {
+        // The estimate missed: the limit is the limit, so go on in two passes.
+        if (e.code() != host::ErrorCode::memory_limit || interrupt_requested()) throw;
+        if (!args.quiet)
+            std::printf("filling in two passes: one pass passed the memory limit of %s\n",
+                        byte_count_text(host::memory_limit()).c_str());
+        return fill_tiled(args, format);
+    }
 }
 
 int run_retarget(Arguments const& args) {

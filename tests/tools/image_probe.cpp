@@ -2,7 +2,9 @@
 // files, reads back what the host wrote and checks it.
 //   image_probe make DIR                 small textures in every format and layout, masks,
 //                                        broken and lying files
-//   image_probe make-large IMAGE MASK N  an NxN RGB texture and a mask with a large hole
+//   image_probe make-large IMAGE MASK N [rgb16]
+//                                        an NxN RGB texture (8-bit unless rgb16) and a mask
+//                                        with a large hole
 //   image_probe info FILE                "PNG 64x48 8-bit RGB", read from the file's header
 //   image_probe check-fill INPUT MASK OUTPUT [--lossy]
 //   image_probe same A B                 pixel-identical files of one type
@@ -354,8 +356,8 @@ int make(std::string const& dir) {
     return 0;
 }
 
-int make_large(std::string const& image, std::string const& mask, std::ptrdiff_t side) {
-    write(image, texture(rgb8, side, side).view());
+int make_large(std::string const& image, std::string const& mask, std::ptrdiff_t side, bool deep) {
+    write(image, texture(deep ? rgb16 : rgb8, side, side).view());
     write(mask, disc(side, side, side / 2.0, side / 2.0, side / 4.0).view());
     return 0;
 }
@@ -507,8 +509,9 @@ int main(int argc, char** argv) {
     std::vector<std::string> const args(argv + 1, argv + argc);
     try {
         if (args.size() == 2 && args[0] == "make") return make(args[1]);
-        if (args.size() == 4 && args[0] == "make-large")
-            return make_large(args[1], args[2], std::stol(args[3]));
+        if ((args.size() == 4 || (args.size() == 5 && args[4] == "rgb16")) &&
+            args[0] == "make-large")
+            return make_large(args[1], args[2], std::stol(args[3]), args.size() == 5);
         if (args.size() == 2 && args[0] == "info") return info(args[1]);
         if (args.size() >= 4 && args[0] == "check-fill")
             return check_fill(args[1], args[2], args[3], args.size() == 5 && args[4] == "--lossy");

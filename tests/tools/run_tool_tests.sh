@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # End-to-end tests of the weftmap host on generated files.
 #   run_tool_tests.sh GROUP WEFTMAP PROBE WORKDIR [BUILD]
-# GROUP is formats, options, bad_input, reading, writing or cancel; BUILD
+# GROUP is formats, options, bad_input, reading, writing, cancel or large; BUILD
 # (plain or sanitized) says which build is tested.
 set -u
 group=$1 tool=$2 probe=$3 work=$4 build=${5:-plain}
@@ -270,12 +270,14 @@ EOF
         fill in/truncated.tif in/mask.png out/x.png
 
     # Headers that claim gigabytes fail at once under the memory limit,
-    # before anything of that size is allocated or decoded.
+    # before anything of that size is allocated or decoded. (A fill checks
+    # the mask's size against them first, and fills what does not fit in
+    # two passes; retargeting reads the whole picture.)
     for bomb in bomb.png bomb.jpg; do
         runner=with_peak_size
         expect_refusal "$bomb under --memory-limit" 5 \
             "the memory limit of 67108864 bytes is too small" \
-            fill "in/$bomb" in/mask.png out/x.png --memory-limit 64M
+            retarget "in/$bomb" out/x.png --scale 0.5 --memory-limit 64M
         runner=
         peak=$(tail -n 1 log/rss)
         if [ "$peak" -lt $((2 * 65536)) ]; then ok "$bomb: peak size $peak KiB"; else
@@ -436,6 +438,227 @@ cancel)
         ok "a second signal ends the run at once"
     [ -z "$(ls -A out)" ] && ok "a second signal: no output and no temporary file" ||
         fail "a second signal: left $(ls -A out | tr '\n' ' ')"
+    ;;
+
+large)
+    # Fills in two passes: forced by --tiled or taken by themselves when one
+    # pass would not fit the memory limit. The working files live in TMPDIR
+    # and must never be seen there, whatever happens to the run.
+    export TMPDIR="$work/tmp"
+    mkdir -p "$TMPDIR"
+    tmp_left() { ls -A "$TMPDIR" | tr '\n' ' '; }
+    "$probe" make-large in/big16.tif in/big-mask.png 600 rgb16 &&
+        "$probe" make-large in/big8.png in/big-mask.png 600 || exit 1
+    for f in big16.tif big8.png; do
+        expect "--tiled $f" 0 "" fill "in/$f" in/big-mask.png "out/$f" --tiled --memory-limit 4M &&
+            { grep -q "^wrote out/$f (600x600, .*; two passes: the whole at [0-9x]*, then [0-9]* of [0-9]* tiles at full size)$" \
+                log/stdout && ok "--tiled $f: reported as two passes" ||
+                fail "--tiled $f: summary '$(cat log/stdout)'"; } &&
+            check_info "--tiled $f" "out/$f" "$("$probe" info "in/$f")" &&
+            check "--tiled $f keeps the known pixels and fills the hole" \
+                "$probe" check-fill "in/$f" in/big-mask.png "out/$f"
+        [ -z "$(tmp_left)" ] && ok "--tiled $f: nothing left in TMPDIR" ||
+            fail "--tiled $f: TMPDIR holds $(tmp_left)"
+    done
+    # Without --tiled, a limit that one pass would exceed chooses two passes.
+    expect "two passes by themselves" 0 "" fill in/big8.png in/big-mask.png out/auto.png \
+        --memory-limit 4M --compare out/compare.png &&
+        { grep -q "^filling in two passes: one pass over 600x600 pixels would need more than the memory limit of 4M$" \
+            log/stdout && ok "the route is told" || fail "route: '$(cat log/stdout)'"; } &&
+        { grep -qF "no side-by-side picture (--compare)" log/stderr && [ ! -e out/compare.png ] &&
+            ok "--compare is dropped with a warning" || fail "--compare with two passes"; } &&
+        check "two passes by themselves fill" "$probe" check-fill in/big8.png in/big-mask.png \
+            out/auto.png
+    expect_refusal "--tiled with --compare" 2 "cannot go with --tiled" \
+        fill in/big8.png in/big-mask.png out/x.png --tiled --compare out/c.png
+    expect_refusal "--tiled under too small a limit" 5 "the memory limit of 20480 bytes is too small" \
+        fill in/big8.png in/big-mask.png out/x.png --tiled --memory-limit 20K
+    [ -z "$(tmp_left)" ] && ok "failures leave nothing in TMPDIR" || fail "TMPDIR holds $(tmp_left)"
+
+    # Ctrl-C while tiles are being filled; then two signals at once, which end
+    # the process without unwinding: files without names vanish with it.
+    "$probe" make-large in/cancel.png in/cancel-mask.png 2000 || exit 1
+    for signals in INT "HUP INT"; do
+        rm -rf out && mkdir out
+        "$tool" fill in/cancel.png in/cancel-mask.png out/cancel.png --tiled --memory-limit 16M \
+            2>log/stderr >log/stdout &
+        pid=$!
+        for _ in $(seq 600); do
+            grep -q "filling: [1-9]0%" log/stderr && break
+            kill -0 "$pid" 2>/dev/null || break
+            sleep 0.1
+        done
+        if [ "$signals" = INT ]; then
+            kill -INT "$pid"
+        else
+            kill -STOP "$pid"
+            kill -HUP "$pid"
+            kill -INT "$pid"
+            kill -CONT "$pid"
+        fi
+        for _ in $(seq 600); do
+            kill -0 "$pid" 2>/dev/null || break
+            sleep 0.1
+        done
+        kill -KILL "$pid" 2>/dev/null
+        wait "$pid"
+        status=$?
+        [ "$status" -eq 130 ] || [ "$status" -eq 129 ] && ok "SIG${signals// /+SIG}: exit status $status" ||
+            fail "SIG${signals// /+SIG}: exit status $status"
+        [ -z "$(ls -A out)" ] && ok "SIG${signals// /+SIG}: no output and no temporary file" ||
+            fail "SIG${signals// /+SIG}: left $(ls -A out | tr '\n' ' ')"
+        [ -z "$(tmp_left)" ] && ok "SIG${signals// /+SIG}: nothing left in TMPDIR" ||
+            fail "SIG${signals// /+SIG}: TMPDIR holds $(tmp_left)"
+    done
+    ;;
+
+tapestry)
+    # A pan over the sample photograph: 60 frames of 64x48, 4 pixels apart.
+    photo=$(dirname "$0")/../../data/samples/coffee.png
+    mkdir -p in/pan
+    "$probe" pan "$photo" in/pan 60 64 48 4 || exit 1
+    # 61 half frames of 32 columns: 1952x72 in 6 tiles of 384 (one band, so
+    # that runs repeat exactly).
+    expect "tapestry of 60 frames" 0 "6 tile(s) made now" tapestry in/pan out/whole --threads 1
+    check_info "tapestry of 60 frames" out/whole/tapestry.png "PNG 1952x72 8-bit RGB"
+    [ "$(ls out/whole/tiles | wc -l)" -eq 6 ] && ok "one file per tile" ||
+        fail "tiles: $(ls out/whole/tiles | tr '\n' ' ')"
+    grep -q '"level_widths": \[1952\],' out/whole/tapestry.json && ok "the description" ||
+        fail "tapestry.json: $(cat out/whole/tapestry.json)"
+    before=$(stat -c %Y.%N out/whole/tapestry.png out/whole/tiles/0-0-3.png)
+    sleep 1
+    expect "a finished run is not made again" 0 " 0 tile(s) made now" tapestry in/pan out/whole \
+        --threads 1
+    [ "$(stat -c %Y.%N out/whole/tapestry.png out/whole/tiles/0-0-3.png)" = "$before" ] &&
+        ok "a finished run writes no tile and no picture" || fail "files were written again"
+
+    # Ctrl-C once two tiles are done: the run stops at once and keeps them;
+    # run again, it makes only the missing tiles, and the picture is the
+    # uninterrupted one.
+    "$tool" tapestry in/pan out/stopped --threads 1 2>log/stderr >log/stdout &
+    pid=$!
+    for _ in $(seq 600); do
+        [ "$(ls out/stopped/tiles 2>/dev/null | grep -c png)" -ge 2 ] && break
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.05
+    done
+    kill -INT "$pid"
+    signalled=$(date +%s%N)
+    wait "$pid"
+    status=$?
+    waited=$((($(date +%s%N) - signalled) / 1000000))
+    [ "$status" -eq 130 ] && ok "Ctrl-C: exit status 130" || fail "Ctrl-C: exit status $status"
+    grep -q "cancelled; the finished tiles stay in 'out/stopped'" log/stderr &&
+        ok "Ctrl-C: says the tiles stay" || fail "Ctrl-C: message"
+    # A generous bound for slow builds; the tool answers within a fraction
+    # of a second.
+    [ "$waited" -lt 5000 ] && ok "Ctrl-C answered in $waited ms" ||
+        fail "Ctrl-C took $waited ms"
+    kept=$(ls out/stopped/tiles | grep -c png)
+    [ "$kept" -ge 2 ] && [ "$kept" -lt 6 ] && ok "Ctrl-C kept $kept finished tiles" ||
+        fail "Ctrl-C kept $kept tiles"
+    [ ! -e out/stopped/tapestry.png ] && [ -z "$(ls -A out/stopped/tiles | grep '^\.')" ] &&
+        ok "Ctrl-C: no picture and no temporary file" || fail "Ctrl-C: left $(ls -A out/stopped)"
+    expect "the run resumes" 0 " $((6 - kept)) tile(s) made now" tapestry in/pan out/stopped \
+        --threads 1
+    check "resumed and uninterrupted pictures are the same" \
+        "$probe" same out/whole/tapestry.png out/stopped/tapestry.png
+
+    # Frames picked and scaled, index maps beside the tiles.
+    expect "--frames --height --index-map" 0 "15 frames of 48x32" tapestry in/pan out/picked \
+        --frames 0:30:2 --height 48 --index-map --tile-width 200
+    check_info "--frames --height" out/picked/tapestry.png "PNG 384x48 8-bit RGB"
+    [ -e out/picked/tiles/index-0-1.png ] && ok "index map tiles" || fail "no index map tiles"
+    expect "other settings on a finished folder" 3 "holds a tapestry made with other settings" \
+        tapestry in/pan out/picked --quiet
+    mkdir -p in/empty
+    expect_refusal "a folder without frames" 3 "holds no PNG, JPEG or TIFF frames" \
+        tapestry in/empty out/none --quiet
+    expect_refusal "a bad frame selection" 2 "--frames 5:5 selects no frame" \
+        tapestry in/pan out/none --frames 5:5
+    expect "a selection past the frames" 3 "picks no frame of 60" tapestry in/pan out/none2 \
+        --frames 70: --quiet
+    # A video without the decoder installed: how to get it.
+    echo "not a video" >in/clip.mp4
+    runner="env PATH=/nonexistent"
+    expect "a video without ffmpeg" 3 "apt-get install ffmpeg" tapestry in/clip.mp4 out/none3 \
+        --quiet
+    runner=
+    ;;
+
+tapestry_video)
+    if ! command -v ffmpeg >/dev/null; then
+        echo "skip: ffmpeg is not installed (apt-get install ffmpeg)"
+        echo "0 passed, 0 failed, 1 skipped"
+        exit 0
+    fi
+    photo=$(dirname "$0")/../../data/samples/coffee.png
+    mkdir -p in/pan
+    "$probe" pan "$photo" in/pan 40 64 48 4 || exit 1
+    # A lossless video of the same frames gives the same tapestry.
+    ffmpeg -nostdin -loglevel error -framerate 10 -i in/pan/frame_%04d.png -c:v ffv1 \
+        -pix_fmt bgr0 in/pan.mkv || exit 1
+    expect "tapestry of a video" 0 "40 frames of 64x48" tapestry in/pan.mkv out/video --threads 1
+    expect "tapestry of its frames" 0 "" tapestry in/pan out/frames --threads 1 --quiet
+    check "video and frames give one picture" \
+        "$probe" same out/video/tapestry.png out/frames/tapestry.png
+    expect "a selection of the video" 0 "" tapestry in/pan.mkv out/video-picked --frames 3:30:3 \
+        --threads 1 --quiet
+    expect "the same selection of its frames" 0 "" tapestry in/pan out/frames-picked \
+        --frames 3:30:3 --threads 1 --quiet
+    check "video and frames, selected, give one picture" \
+        "$probe" same out/video-picked/tapestry.png out/frames-picked/tapestry.png
+    echo "not a video" >in/clip.mp4
+    expect "not a video" 3 "ffmpeg cannot read 'in/clip.mp4'" tapestry in/clip.mp4 out/none \
+        --quiet
+    ;;
+
+tapestry_viewer)
+    browser=$("$(dirname "$0")/../../scripts/install-chromium" 2>log/install) || {
+        echo "skip: no chromium and it cannot be installed here ($(tail -1 log/install))"
+        echo "0 passed, 0 failed, 1 skipped"
+        exit 0
+    }
+    # Frames tinted apart from their neighbours, two levels with three
+    # in-betweens, and index maps.
+    mkdir -p in/tinted
+    "$probe" tinted in/tinted 24 64 48 || exit 1
+    expect "a tapestry of two levels" 0 "2 level(s)" tapestry in/tinted out/v --levels 2 \
+        --inbetweens 3 --index-map --tile-width 128 --threads 1
+    for f in index.html tapestry.js tapestry.json tiles/0-3-0.png tiles/1-0-0.png \
+        tiles/animated-1-0 tapestry-level-1.png; do
+        [ -e "out/v/$f" ] && ok "made $f" || fail "no $f"
+    done
+    # Headless, offline, with a profile of its own.
+    browse() {
+        timeout 120 "$browser" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
+            --disable-background-networking --disable-component-update --disable-sync \
+            --user-data-dir="$(mktemp -d "$work/profile.XXXXXX")" --virtual-time-budget=30000 \
+            "$@" 2>>log/browser
+    }
+    checker=$(dirname "$0")/check_viewer.py
+    # Frame 6 lies in the upper row at columns 192 to 255 of level 0; rows
+    # are 36 high.
+    page="file://$work/out/v/index.html"
+    browse --dump-dom "$page?selftest=224,18" >log/dom-file.html
+    check "viewer from disk: levels, in-betweens, frame from the layout" \
+        python3 "$checker" log/dom-file.html 2 3 6 "frame layout"
+    port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+    (cd out/v && exec python3 -m http.server --bind 127.0.0.1 "$port" >/dev/null 2>&1) &
+    server=$!
+    for _ in $(seq 100); do
+        python3 -c "import urllib.request; urllib.request.urlopen('http://127.0.0.1:$port/')" \
+            2>/dev/null && break
+        sleep 0.1
+    done
+    browse --dump-dom "http://127.0.0.1:$port/index.html?selftest=224,18" >log/dom-http.html
+    kill "$server"
+    wait "$server" 2>/dev/null
+    check "viewer served: frame from the index map" \
+        python3 "$checker" log/dom-http.html 2 3 6 "index map"
+    browse --screenshot="$work/viewer.png" --window-size=1100,360 "$page" >/dev/null
+    [ -s "$work/viewer.png" ] && ok "a screenshot of the viewer: $work/viewer.png" ||
+        fail "no screenshot"
     ;;
 
 *)
