@@ -95,6 +95,8 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         a.command = Command::fill;
     else if (command == "retarget")
         a.command = Command::retarget;
+    else if (command == "tapestry")
+        a.command = Command::tapestry;
     else
         bad("unknown command '" + command + "'");
 
@@ -166,6 +168,8 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
             a.height = parse_whole(arg, value(), 1, 65535);
         } else if (arg == "--scale" && a.command == Command::retarget) {
             a.scale = parse_positive(arg, value());
+        } else if (a.command == Command::tapestry &&
+                   parse_tapestry_option(a.tapestry, arg, value, no_value)) {
         } else {
             bad("unknown option '" + arg + "' for '" + command + "'");
         }
@@ -174,7 +178,9 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
     std::size_t const wanted = a.command == Command::fill ? 3 : 2;
     if (a.files.size() != wanted)
         bad(command + " needs " +
-            (a.command == Command::fill ? "IMAGE MASK OUTPUT" : std::string("IMAGE OUTPUT")) +
+            (a.command == Command::fill       ? "IMAGE MASK OUTPUT"
+             : a.command == Command::tapestry ? "INPUT OUTDIR"
+                                              : std::string("IMAGE OUTPUT")) +
             ", got " + std::to_string(a.files.size()) + " file name(s)");
     if (a.tiled && !a.compare_path.empty())
         bad("--compare needs the whole picture in memory and cannot go with --tiled");
@@ -196,6 +202,8 @@ char const* usage_template() {
     return "usage:\n"
            "  weftmap fill IMAGE MASK OUTPUT [options] [--compare FILE]\n"
            "  weftmap retarget IMAGE OUTPUT (--width W | --height H | --scale S) [options]\n"
+           "  weftmap tapestry INPUT OUTDIR [--height H] [--tile-width W] [--index-map]\n"
+           "                   [--frames A:B:STEP] [--levels N] [--inbetweens N] [options]\n"
            "  weftmap --version\n"
            "  weftmap --help\n"
            "\n"
@@ -211,6 +219,16 @@ char const* usage_template() {
            "                          memory\n"
            "retarget  changes the picture's size while keeping its texture; --width and\n"
            "          --height may be given together, a missing one keeps the input's side\n"
+           "tapestry  lays the frames of INPUT (a folder of numbered PNG, JPEG or TIFF\n"
+           "          frames, or a video decoded with ffmpeg) out as one long seamless\n"
+           "          picture, built tile by tile into OUTDIR: tiles/ (kept, so that a\n"
+           "          stopped run resumes), tapestry.png, tapestry.json and index.html, a\n"
+           "          viewer. --height H: tapestry height (default 1.5 times the frames'\n"
+           "          height, at most 540); --tile-width W (default 384); --index-map: tiles\n"
+           "          telling which frame each pixel came from; --frames A:B:STEP: frames\n"
+           "          A, A+STEP, ... below B; --levels N: levels with about half the frames\n"
+           "          each; --inbetweens N: pictures leading from one level to the next\n"
+           "          (default 10). Ctrl-C keeps the finished tiles\n"
            "\n"
            "options:\n"
            "  --mode hole-fill|default|tapestry  parameter preset (fill: hole-fill,\n"

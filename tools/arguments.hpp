@@ -1,6 +1,8 @@
 // The command line of the weftmap host: subcommand, files and options.
 #pragma once
 
+#include "tapestry_arguments.hpp"
+
 #include <weftmap/host/options.hpp>
 
 #include <map>
@@ -10,11 +12,11 @@
 
 namespace weftmap_tool {
 
-enum class Command { help, version, fill, retarget };
+enum class Command { help, version, fill, retarget, tapestry };
 
 struct Arguments {
     Command command = Command::help;
-    // fill: IMAGE MASK OUTPUT; retarget: IMAGE OUTPUT.
+    // fill: IMAGE MASK OUTPUT; retarget: IMAGE OUTPUT; tapestry: INPUT OUTDIR.
     std::vector<std::string> files;
 
     // Unset: the kit's choice for the command.
@@ -39,6 +41,9 @@ struct Arguments {
     long long width = 0;
     long long height = 0;
     double scale = 0.0;
+
+    // tapestry: sizes, levels and the frames to take.
+    TapestryArguments tapestry;
 };
 
 // Parses argv[1..]. Throws ToolError with exit_usage and a one-line reason.

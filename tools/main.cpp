@@ -3,6 +3,7 @@
 #include "errors.hpp"
 #include "interrupt.hpp"
 #include "synthesis.hpp"
+#include "tapestry.hpp"
 
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/host.hpp>
@@ -55,6 +56,7 @@ int fail(host::Error const& e) {
 
 int run(Arguments const& args) {
     try {
+        if (args.command == Command::tapestry) return run_tapestry(args);
         return args.command == Command::fill ? run_fill(args) : run_retarget(args);
     } catch (Cancelled const&) {
         return cancelled();

@@ -9,12 +9,18 @@
 //   image_probe check-fill INPUT MASK OUTPUT [--lossy]
 //   image_probe same A B                 pixel-identical files of one type
 //   image_probe peak-rss FILE COMMAND... runs COMMAND, writes its peak resident size in KiB
+//   image_probe pan PHOTO DIR N W H STEP  N frames WxH of a pan over PHOTO (STEP pixels a
+//                                        frame to the right), DIR/frame_0000.png ...
+//   image_probe tinted DIR N W H         N frames WxH of the texture, each tinted apart from
+//                                        its neighbours
+//   image_probe sheet OUTPUT FILE...     the pictures one below the other, on white
 // Files in layouts the host never writes (alpha, palettes, interlacing,
 // tiles, separate planes) come straight from the codecs.
 #include "host/dispatch.hpp"
 #include "support/helpers.hpp"
 
 #include <weftmap/host/image_file.hpp>
+#include <weftmap/image/resample.hpp>
 
 #include <png.h>
 #include <tiffio.h>
@@ -23,7 +29,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <csetjmp>
+#include <cstdio>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -503,6 +512,69 @@ int peak_rss(std::string const& out, std::vector<std::string> const& command) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+std::string frame_name(std::string const& dir, std::ptrdiff_t i) {
+    char name[32];
+    std::snprintf(name, sizeof name, "/frame_%04td.png", i);
+    return dir + name;
+}
+
+// The photograph scaled to cover the whole pan, then cut into frames.
+int pan(std::string const& photo, std::string const& dir, std::ptrdiff_t n, std::ptrdiff_t w,
+        std::ptrdiff_t h, std::ptrdiff_t step) {
+    auto const file = host::read_image_file(photo);
+    host::Image const rgb = host::converted(file.image.view(), rgb8);
+    double const scene = double(w + (n - 1) * step);
+    double const scale = std::max(double(h) / double(rgb.height()), scene / double(rgb.width()));
+    WM::Point const size(std::ptrdiff_t(std::ceil(rgb.width() * scale)),
+                         std::ptrdiff_t(std::ceil(rgb.height() * scale)));
+    WM::RecycledImage<WM::rgb8_pixel_t> scaled;
+    WM::resample<WM::rgb8_pixel_t>(host::detail::packed_view<WM::rgb8_pixel_t>(rgb.view()), scaled,
+                                   size, WM::ResampleBilinear, -1);
+    host::ConstImageView const all(reinterpret_cast<unsigned char const*>(scaled.memory()), rgb8,
+                                   scaled.width(), scaled.height());
+    std::ptrdiff_t const top = (scaled.height() - h) / 2;
+    for (std::ptrdiff_t i = 0; i < n; ++i) write(frame_name(dir, i), all.crop(i * step, top, w, h));
+    return 0;
+}
+
+// Eight tints in turn over the texture: neighbouring frames never match.
+int tinted(std::string const& dir, std::ptrdiff_t n, std::ptrdiff_t w, std::ptrdiff_t h) {
+    static unsigned char const tints[8][3] = {{255, 80, 80}, {80, 255, 80},  {80, 80, 255},
+                                              {255, 255, 60}, {60, 255, 255}, {255, 60, 255},
+                                              {255, 160, 40}, {150, 150, 150}};
+    for (std::ptrdiff_t i = 0; i < n; ++i) {
+        host::Image frame = texture(rgb8, w, h);
+        for (std::ptrdiff_t y = 0; y < h; ++y)
+            for (std::ptrdiff_t x = 0; x < w; ++x)
+                for (int c = 0; c < 3; ++c) {
+                    unsigned char& v = frame.view().pixel(x, y)[c];
+                    v = static_cast<unsigned char>(v * tints[i % 8][c] / 255);
+                }
+        write(frame_name(dir, i), frame.view());
+    }
+    return 0;
+}
+
+int sheet(std::string const& out, std::vector<std::string> const& files) {
+    std::vector<host::Image> pictures;
+    std::ptrdiff_t width = 0, height = 0;
+    for (auto const& f : files) {
+        pictures.push_back(host::converted(host::read_image_file(f).image.view(), rgb8));
+        width = std::max(width, pictures.back().width());
+        height += pictures.back().height() + 4;
+    }
+    host::Image all(rgb8, {width, height});
+    std::memset(all.view().data, 255, std::size_t(all.view().row_stride) * height);
+    std::ptrdiff_t y0 = 0;
+    for (auto const& p : pictures) {
+        for (std::ptrdiff_t y = 0; y < p.height(); ++y)
+            std::memcpy(all.view().pixel(0, y0 + y), p.view().pixel(0, y), 3 * p.width());
+        y0 += p.height() + 4;
+    }
+    write(out, all.view());
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -516,6 +588,13 @@ int main(int argc, char** argv) {
         if (args.size() >= 4 && args[0] == "check-fill")
             return check_fill(args[1], args[2], args[3], args.size() == 5 && args[4] == "--lossy");
         if (args.size() == 3 && args[0] == "same") return same(args[1], args[2]);
+        if (args.size() == 7 && args[0] == "pan")
+            return pan(args[1], args[2], std::stol(args[3]), std::stol(args[4]),
+                       std::stol(args[5]), std::stol(args[6]));
+        if (args.size() == 5 && args[0] == "tinted")
+            return tinted(args[1], std::stol(args[2]), std::stol(args[3]), std::stol(args[4]));
+        if (args.size() >= 3 && args[0] == "sheet")
+            return sheet(args[1], std::vector<std::string>(args.begin() + 2, args.end()));
         if (args.size() >= 3 && args[0] == "peak-rss")
             return peak_rss(args[1], std::vector<std::string>(args.begin() + 2, args.end()));
     } catch (std::exception const& e) {
