@@ -32,8 +32,8 @@
 #include <algorithm>
 #include <cmath>
 #include <csetjmp>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -539,7 +539,7 @@ int pan(std::string const& photo, std::string const& dir, std::ptrdiff_t n, std:
 
 // Eight tints in turn over the texture: neighbouring frames never match.
 int tinted(std::string const& dir, std::ptrdiff_t n, std::ptrdiff_t w, std::ptrdiff_t h) {
-    static unsigned char const tints[8][3] = {{255, 80, 80}, {80, 255, 80},  {80, 80, 255},
+    static unsigned char const tints[8][3] = {{255, 80, 80},  {80, 255, 80},  {80, 80, 255},
                                               {255, 255, 60}, {60, 255, 255}, {255, 60, 255},
                                               {255, 160, 40}, {150, 150, 150}};
     for (std::ptrdiff_t i = 0; i < n; ++i) {
@@ -589,8 +589,8 @@ int main(int argc, char** argv) {
             return check_fill(args[1], args[2], args[3], args.size() == 5 && args[4] == "--lossy");
         if (args.size() == 3 && args[0] == "same") return same(args[1], args[2]);
         if (args.size() == 7 && args[0] == "pan")
-            return pan(args[1], args[2], std::stol(args[3]), std::stol(args[4]),
-                       std::stol(args[5]), std::stol(args[6]));
+            return pan(args[1], args[2], std::stol(args[3]), std::stol(args[4]), std::stol(args[5]),
+                       std::stol(args[6]));
         if (args.size() == 5 && args[0] == "tinted")
             return tinted(args[1], std::stol(args[2]), std::stol(args[3]), std::stol(args[4]));
         if (args.size() >= 3 && args[0] == "sheet")
