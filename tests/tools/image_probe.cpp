@@ -14,6 +14,7 @@
 //   image_probe tinted DIR N W H         N frames WxH of the texture, each tinted apart from
 //                                        its neighbours
 //   image_probe sheet OUTPUT FILE...     the pictures one below the other, on white
+//   image_probe index-at FILE X Y        the frame an index map tile names at (X, Y), or -1
 // Files in layouts the host never writes (alpha, palettes, interlacing,
 // tiles, separate planes) come straight from the codecs.
 #include "host/dispatch.hpp"
@@ -593,6 +594,12 @@ int main(int argc, char** argv) {
                        std::stol(args[6]));
         if (args.size() == 5 && args[0] == "tinted")
             return tinted(args[1], std::stol(args[2]), std::stol(args[3]), std::stol(args[4]));
+        if (args.size() == 4 && args[0] == "index-at") {
+            auto const map = host::read_image_file(args[1]);
+            unsigned char const* p = map.image.view().pixel(std::stol(args[2]), std::stol(args[3]));
+            std::cout << long(p[0] | p[1] << 8 | p[2] << 16) - 1 << "\n";
+            return 0;
+        }
         if (args.size() >= 3 && args[0] == "sheet")
             return sheet(args[1], std::vector<std::string>(args.begin() + 2, args.end()));
         if (args.size() >= 3 && args[0] == "peak-rss")
