@@ -266,11 +266,14 @@ int run_fill(Arguments const& args) {
 
     bool const fits =
         args.tiled || host::fill_fits_in_memory(pixel_format, size, kit_options(args));
-    if (!fits && !args.quiet)
+    if (!fits && !args.quiet) {
         std::printf(
             "filling in two passes: one pass over %s pixels would need more than the "
             "memory limit of %s\n",
             host::size_text(size).c_str(), byte_count_text(host::memory_limit()).c_str());
+        // Before the progress lines of a long run, also into a pipe.
+        std::fflush(stdout);
+    }
     if (args.tiled || !fits) return fill_tiled(args, format);
     try {
         return fill_whole(args, format);
@@ -280,6 +283,7 @@ int run_fill(Arguments const& args) {
         if (!args.quiet)
             std::printf("filling in two passes: one pass passed the memory limit of %s\n",
                         byte_count_text(host::memory_limit()).c_str());
+        std::fflush(stdout);
         return fill_tiled(args, format);
     }
 }
