@@ -11,6 +11,9 @@
 
 #include <boost/gil/algorithm.hpp>
 
+#include <chrono>
+#include <ctime>
+
 namespace WM::bench {
 namespace {
 
@@ -47,6 +50,13 @@ RecycledImage<gray8_pixel_t> irregular_hole(Point const& size, unsigned seed) {
     return hole;
 }
 
+// CPU seconds of the whole process, every thread.
+double process_cpu_seconds() {
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
+}
+
 // The embedded photograph scaled to `size`.
 RecycledImage<Pixel> photograph(Point const& size) {
     auto const file = host::read_image_file(WEFTMAP_BENCH_PHOTO);
@@ -63,10 +73,12 @@ RecycledImage<Pixel> photograph(Point const& size) {
 
 // Times `run(recomposer, source, hole, output)` on fresh copies of `picture`
 // and `hole` (runs change both in place) and reports the library memory the
-// run held at its peak.
+// run held at its peak, the CPU seconds of all threads and the cores kept
+// busy (CPU time over wall time).
 template <class Run>
 void time_runs(benchmark::State& state, RecycledImage<Pixel> const& picture,
                RecycledImage<gray8_pixel_t> const& hole, RecomposerMode mode, Run const& run) {
+    double cpu = 0.0, walls = 0.0;
     for (auto _ : state) {
         state.PauseTiming();
         auto source = picture;
@@ -74,13 +86,21 @@ void time_runs(benchmark::State& state, RecycledImage<Pixel> const& picture,
         auto const held = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
         client().allocator.peak = held;
         state.ResumeTiming();
+        double const cpu0 = process_cpu_seconds();
+        auto const wall0 = std::chrono::steady_clock::now();
         NullProgress<Pixel> progress;
         Recomposer recomposer(&progress, mode);
         RecycledImage<Pixel> output;
         run(recomposer, view(source), view(mask), output);
         benchmark::DoNotOptimize(output.memory());
+        double const wall =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
+        cpu += process_cpu_seconds() - cpu0;
+        walls += wall;
         state.counters["library_MB"] = double(client().allocator.peak - held) / (1 << 20);
     }
+    state.counters["cpu_s"] = cpu / double(state.iterations());
+    state.counters["cores"] = walls > 0.0 ? cpu / walls : 0.0;
 }
 
 void BM_HoleFill(benchmark::State& state) {
