@@ -4,6 +4,7 @@
 
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/frame/exceptions.hpp>
+#include <weftmap/frame/parallel.hpp>
 #include <weftmap/recomposer/hole_measures.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
 
@@ -15,21 +16,117 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <vector>
 
 namespace WM {
 namespace detail {
 
-// Writes `value` to every patch corner whose patch covers (x, y): the
-// rectangle (x - w + 1, y - w + 1)-(x, y), clipped to the mask.
-inline void mark_patch_corners(GrayView const& mask, std::ptrdiff_t x, std::ptrdiff_t y, int w,
-                               unsigned char value) {
-    std::ptrdiff_t const x0 = std::max<std::ptrdiff_t>(x - w + 1, 0);
-    std::ptrdiff_t const y0 = std::max<std::ptrdiff_t>(y - w + 1, 0);
-    std::ptrdiff_t const x1 = std::min<std::ptrdiff_t>(x, mask.width() - 1);
-    std::ptrdiff_t const y1 = std::min<std::ptrdiff_t>(y, mask.height() - 1);
-    for (std::ptrdiff_t yy = y0; yy <= y1; ++yy) {
-        auto const row = mask.row_begin(yy);
-        for (std::ptrdiff_t xx = x0; xx <= x1; ++xx) row[xx][0] = value;
+// The bytes of row y of a mask view.
+inline unsigned char* mask_row(GrayView const& mask, std::ptrdiff_t y) {
+    return reinterpret_cast<unsigned char*>(&*mask.row_begin(y));
+}
+
+// Writes `value` at every patch corner of `mask` whose w x w patch holds a
+// marked pixel: corners (x - w + 1 .. x, y - w + 1 .. y) of each marked (x, y),
+// clipped to the mask, exactly as marking pixel by pixel would. Separable:
+// each pixel row is reduced to "a mark in [x, x + w - 1]" once, into a ring of
+// w rows, and a corner row is the OR of the ring. Bands of corner rows run in
+// parallel. `mark_row(y, hits)` sets hits[x] to 1 for the marked pixels of
+// row y and leaves the others. The loops run on plain byte pointers so that
+// they vectorise.
+template <class MarkRow>
+void mark_covering_corners(GrayView const& mask, int w, unsigned char value,
+                           MarkRow const& mark_row) {
+    int const width = static_cast<int>(mask.width());
+    int const height = static_cast<int>(mask.height());
+    if (width <= 0 || height <= 0) return;
+    int const grain = std::max(grain_for_width(width), 4 * w);
+    parallel_range(
+        0, height, grain,
+        [&mask, &mark_row, cols = width, height, pw = w, mark = value](BlockedRange const& rows) {
+            // Locals, not captures: byte stores could alias a capture.
+            int const width = cols, w = pw;
+            unsigned char const value = mark;
+            std::size_t const span = static_cast<std::size_t>(width + w);
+            std::vector<unsigned char> buffer(span * static_cast<std::size_t>(w + 2));
+            // Past the last column the hits stay 0, so windows need no clipping.
+            unsigned char* const hits = buffer.data();
+            unsigned char* const any = hits + span;
+            unsigned char* const ring = any + span;
+            auto const reduce_row = [&](int y) {
+                unsigned char* const out = ring + static_cast<std::size_t>(y % w) * span;
+                if (y >= height) {
+                    std::fill(out, out + width, 0);
+                    return;
+                }
+                std::fill(hits, hits + span, 0);
+                mark_row(y, hits);
+                std::copy(hits, hits + width, out);
+                for (int i = 1; i < w; ++i)
+                    for (int x = 0; x < width; ++x) out[x] |= hits[x + i];
+            };
+            for (int y = rows.begin(); y < rows.begin() + w - 1; ++y) reduce_row(y);
+            for (int cy = rows.begin(); cy < rows.end(); ++cy) {
+                reduce_row(cy + w - 1);
+                std::copy(ring, ring + width, any);
+                for (int k = 1; k < w; ++k) {
+                    unsigned char const* const r = ring + static_cast<std::size_t>(k) * span;
+                    for (int x = 0; x < width; ++x) any[x] |= r[x];
+                }
+                unsigned char* const row = mask_row(mask, cy);
+                for (int x = 0; x < width; ++x) {
+                    auto const keep = static_cast<unsigned char>(any[x] != 0 ? 0 : 0xFF);
+                    row[x] = static_cast<unsigned char>((row[x] & keep) | (value & ~keep));
+                }
+            }
+        });
+}
+
+// Gives every pixel that `needs_patch(x, y)` picks a free real patch corner
+// (0) among the corners covering it, freeing its first corner when none is.
+// Pixels are taken in raster order and see the corners freed before them.
+// A row first finds, from the corners free at its start, the pixels that are
+// surely covered (freeing only adds free corners), and looks at the rest one
+// by one.
+template <class NeedsPatch>
+void free_a_patch_for_every_pixel(GrayView const& tmask, int w, NeedsPatch const& needs_patch) {
+    int const width = static_cast<int>(tmask.width());
+    int const height = static_cast<int>(tmask.height());
+    int const last_x = width - w;
+    int const last_y = height - w;
+    if (last_x < 0 || last_y < 0) return;
+    std::vector<unsigned char> columns(static_cast<std::size_t>(last_x + 1));
+    unsigned char* const free_column = columns.data();
+    auto const covered_exactly = [&](int x0, int y0, int x1, int y1) {
+        for (int yy = y0; yy <= y1; ++yy) {
+            unsigned char const* const row = mask_row(tmask, yy);
+            for (int xx = x0; xx <= x1; ++xx)
+                if (row[xx] == 0) return true;
+        }
+        return false;
+    };
+    for (int y = 0; y < height; ++y) {
+        int const y0 = std::max(y - w + 1, 0);
+        int const y1 = std::min(y, last_y);
+        if (y0 > y1) continue;
+        std::fill(free_column, free_column + last_x + 1, 0);
+        for (int yy = y0; yy <= y1; ++yy) {
+            unsigned char const* const row = mask_row(tmask, yy);
+            for (int xx = 0; xx <= last_x; ++xx) free_column[xx] |= row[xx] == 0;
+        }
+        int last_free = -w;  // the last free column at or before min(x, last_x)
+        for (int x = 0; x < width; ++x) {
+            if (x <= last_x && free_column[x] != 0) last_free = x;
+            if (!needs_patch(x, y)) continue;
+            int const x0 = std::max(x - w + 1, 0);
+            int const x1 = std::min(x, last_x);
+            if (x0 > x1 || last_free >= x0) continue;
+            if (!covered_exactly(x0, y0, x1, y1)) {
+                tmask(x0, y0)[0] = 0;
+                free_column[x0] = 1;
+                last_free = std::max(last_free, x0);
+            }
+        }
     }
 }
 
@@ -84,9 +181,12 @@ void WeftmapRecomposer<Compare>::calculate_masks(Point const& target_size,
     if (!hole_here) {
         gil::fill_pixels(tmask, gray8_pixel_t(0));
     } else {
-        for (std::ptrdiff_t y = 0; y < hole.height(); ++y)
-            for (std::ptrdiff_t x = 0; x < hole.width(); ++x)
-                if (hole(x, y)[0] != 255) detail::mark_patch_corners(tmask, x, y, w, 0);
+        int const width = static_cast<int>(hole.width());
+        detail::mark_covering_corners(tmask, w, 0, [&hole, width](int y, unsigned char* hits) {
+            unsigned char const* const h = detail::mask_row(hole, y);
+            int const n = width;  // a local: byte stores could alias the capture
+            for (int x = 0; x < n; ++x) hits[x] |= h[x] != 255;
+        });
     }
 
     GrayView const& constraint = this->tconstraint_mask_view;
@@ -106,32 +206,26 @@ void WeftmapRecomposer<Compare>::calculate_masks(Point const& target_size,
                 static_cast<long long>(constraint.width()),
                 static_cast<long long>(constraint.height()));
         // Fixed pixels outside the hole freeze every patch that touches them.
-        for (std::ptrdiff_t y = 0; y < constraint.height(); ++y)
-            for (std::ptrdiff_t x = 0; x < constraint.width(); ++x)
-                if (constraint(x, y)[0] != 255 && (!hole_here || hole(x, y)[0] == 255))
-                    detail::mark_patch_corners(tmask, x, y, w, 255);
+        int const width = static_cast<int>(constraint.width());
+        detail::mark_covering_corners(
+            tmask, w, 255, [&constraint, &hole, hole_here, width](int y, unsigned char* hits) {
+                unsigned char const* const c = detail::mask_row(constraint, y);
+                int const n = width;  // a local: byte stores could alias the capture
+                if (!hole_here) {
+                    for (int x = 0; x < n; ++x) hits[x] |= c[x] != 255;
+                    return;
+                }
+                unsigned char const* const h = detail::mask_row(hole, y);
+                for (int x = 0; x < n; ++x) hits[x] |= (c[x] != 255) & (h[x] == 255);
+            });
     }
 
     if (hole_here) {
         // Every hole pixel keeps at least one patch to synthesise. Only real
         // patch corners count: the last w - 1 rows and columns are closed
         // below, and a 0 there would leave the pixel uncovered.
-        std::ptrdiff_t const last_x = tmask.width() - w;
-        std::ptrdiff_t const last_y = tmask.height() - w;
-        for (std::ptrdiff_t y = 0; y < hole.height(); ++y)
-            for (std::ptrdiff_t x = 0; x < hole.width(); ++x) {
-                if (hole(x, y)[0] == 255) continue;
-                std::ptrdiff_t const x0 = std::max<std::ptrdiff_t>(x - w + 1, 0);
-                std::ptrdiff_t const y0 = std::max<std::ptrdiff_t>(y - w + 1, 0);
-                std::ptrdiff_t const x1 = std::min(x, last_x);
-                std::ptrdiff_t const y1 = std::min(y, last_y);
-                if (x0 > x1 || y0 > y1) continue;
-                bool covered = false;
-                for (std::ptrdiff_t yy = y0; yy <= y1 && !covered; ++yy)
-                    for (std::ptrdiff_t xx = x0; xx <= x1 && !covered; ++xx)
-                        covered = tmask(xx, yy)[0] == 0;
-                if (!covered) tmask(x0, y0)[0] = 0;
-            }
+        detail::free_a_patch_for_every_pixel(tmask, w,
+                                             [&](int x, int y) { return hole(x, y)[0] != 255; });
     }
 
     GrayView const& valid = this->valid_view;
@@ -142,9 +236,12 @@ void WeftmapRecomposer<Compare>::calculate_masks(Point const& target_size,
                 "size (%dx%d)",
                 static_cast<long long>(source_size.x), static_cast<long long>(source_size.y),
                 static_cast<long long>(valid.width()), static_cast<long long>(valid.height()));
-        for (std::ptrdiff_t y = 0; y < valid.height(); ++y)
-            for (std::ptrdiff_t x = 0; x < valid.width(); ++x)
-                if (valid(x, y)[0] != 255) detail::mark_patch_corners(smask, x, y, w, 255);
+        int const width = static_cast<int>(valid.width());
+        detail::mark_covering_corners(smask, w, 255, [&valid, width](int y, unsigned char* hits) {
+            unsigned char const* const v = detail::mask_row(valid, y);
+            int const n = width;
+            for (int x = 0; x < n; ++x) hits[x] |= v[x] != 255;
+        });
     }
 
     // No whole patch fits below or right of these corners.

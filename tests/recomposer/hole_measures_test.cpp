@@ -109,6 +109,80 @@ TEST(CalculateMasks, ConstraintMarksFreezePatchesButEveryHolePixelKeepsOne) {
     }
 }
 
+// The masks as marking pixel by pixel gives them: the plain form of the rules.
+struct ReferenceMasks {
+    Gray tmask, smask;
+};
+
+ReferenceMasks reference_masks(GrayView const& hole, GrayView const& constraint,
+                               GrayView const& valid) {
+    Point const size = hole.dimensions();
+    auto const mark = [](GrayView const& m, std::ptrdiff_t x, std::ptrdiff_t y, int value) {
+        for (std::ptrdiff_t yy = std::max<std::ptrdiff_t>(y - w + 1, 0); yy <= y; ++yy)
+            for (std::ptrdiff_t xx = std::max<std::ptrdiff_t>(x - w + 1, 0); xx <= x; ++xx)
+                m(xx, yy)[0] = static_cast<unsigned char>(value);
+    };
+    ReferenceMasks r{byte_mask(size, 255), byte_mask(valid.dimensions(), 0)};
+    GrayView const t = view(r.tmask), s = view(r.smask);
+    for (std::ptrdiff_t y = 0; y < size.y; ++y)
+        for (std::ptrdiff_t x = 0; x < size.x; ++x)
+            if (hole(x, y)[0] != 255) mark(t, x, y, 0);
+    for (std::ptrdiff_t y = 0; y < size.y; ++y)
+        for (std::ptrdiff_t x = 0; x < size.x; ++x)
+            if (constraint(x, y)[0] != 255 && hole(x, y)[0] == 255) mark(t, x, y, 255);
+    for (std::ptrdiff_t y = 0; y < size.y; ++y)
+        for (std::ptrdiff_t x = 0; x < size.x; ++x) {
+            if (hole(x, y)[0] == 255 || covered_by_free_patch(t, x, y)) continue;
+            std::ptrdiff_t const x0 = std::max<std::ptrdiff_t>(x - w + 1, 0);
+            std::ptrdiff_t const y0 = std::max<std::ptrdiff_t>(y - w + 1, 0);
+            if (x0 <= size.x - w && y0 <= size.y - w) t(x0, y0)[0] = 0;
+        }
+    for (std::ptrdiff_t y = 0; y < valid.height(); ++y)
+        for (std::ptrdiff_t x = 0; x < valid.width(); ++x)
+            if (valid(x, y)[0] != 255) mark(s, x, y, 255);
+    for (GrayView const& m : {t, s})
+        for (std::ptrdiff_t y = 0; y < m.height(); ++y)
+            for (std::ptrdiff_t x = 0; x < m.width(); ++x)
+                if (x > m.width() - w || y > m.height() - w) m(x, y)[0] = 255;
+    return r;
+}
+
+TEST(CalculateMasks, EqualsPixelByPixelMarkingOnRandomMasks) {
+    // Blobs of hole, scattered and clustered fixed pixels (some inside the
+    // hole), invalid source pixels; sizes that leave ragged bands of rows.
+    std::mt19937 rng(11);
+    for (int round = 0; round < 12; ++round) {
+        Point const size(40 + rng() % 60, 30 + rng() % 50);
+        MaskSetup s(size, 255);
+        Gray valid = byte_mask(size, 255);
+        for (int i = 0; i < 8; ++i) {
+            int const cx = rng() % size.x, cy = rng() % size.y, r = 1 + rng() % 5;
+            for (int y = std::max(cy - r, 0); y < std::min<int>(cy + r, size.y); ++y)
+                for (int x = std::max(cx - r, 0); x < std::min<int>(cx + r, size.x); ++x)
+                    view(s.hole)(x, y)[0] = static_cast<unsigned char>(rng() % 3 == 0 ? 40 : 0);
+        }
+        int const fixed = round % 3 == 0 ? 0 : 200;
+        for (int i = 0; i < fixed; ++i) view(s.constraint)(rng() % size.x, rng() % size.y)[0] = 100;
+        for (int i = 0; i < 30; ++i) view(valid)(rng() % size.x, rng() % size.y)[0] = 0;
+        s.r.valid_view = view(valid);
+        s.r.calculate_masks(size, size);
+        auto const expected = reference_masks(view(s.hole), view(s.constraint), view(valid));
+        ASSERT_TRUE(std::equal(const_view(expected.tmask).begin(), const_view(expected.tmask).end(),
+                               s.r.get_tmask().begin()))
+            << "round " << round;
+        ASSERT_TRUE(std::equal(const_view(expected.smask).begin(), const_view(expected.smask).end(),
+                               view(s.r._smask_buf).begin()))
+            << "round " << round;
+        Box free{1 << 30, 1 << 30, -1, -1};
+        for (int y = 0; y <= size.y - w; ++y)
+            for (int x = 0; x <= size.x - w; ++x)
+                if (const_view(expected.tmask)(x, y)[0] == 0)
+                    free = Box{std::min(free.xmin, x), std::min(free.ymin, y),
+                               std::max(free.xmax, x + 1), std::max(free.ymax, y + 1)};
+        EXPECT_EQ(get_abox(w, size, &s.r._tmask), free.xmax < 0 ? Box{} : free);
+    }
+}
+
 TEST(CalculateMasks, SmallSourcesAndCornerHoles) {
     // A source narrower than patch_w - 1: nothing to sample, nothing to change.
     Point const size(20, 16);
