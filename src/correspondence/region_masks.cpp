@@ -54,14 +54,19 @@ void RegionMasks::update_boxes(int patch_w) {
     for (Box& box : boxes) box = Box{box_reset_min, box_reset_min, box_reset_max, box_reset_max};
     auto const last_y = static_cast<std::int32_t>(view.height()) - patch_w;
     auto const last_x = static_cast<std::int32_t>(view.width()) - patch_w;
+    // A mask holds long runs of one byte: each run widens its label's box once.
     for (std::int32_t y = 0; y <= last_y; ++y) {
-        auto const row = view.row_begin(y);
-        for (std::int32_t x = 0; x <= last_x; ++x) {
-            Box& box = boxes[gil::at_c<0>(row[x])];
+        auto const* const row = reinterpret_cast<unsigned char const*>(&*view.row_begin(y));
+        for (std::int32_t x = 0; x <= last_x;) {
+            unsigned char const label = row[x];
+            std::int32_t end = x + 1;
+            while (end <= last_x && row[end] == label) ++end;
+            Box& box = boxes[label];
             box.xmin = std::min(box.xmin, x);
             box.ymin = std::min(box.ymin, y);
-            box.xmax = std::max(box.xmax, x + 1);
+            box.xmax = std::max(box.xmax, end);
             box.ymax = std::max(box.ymax, y + 1);
+            x = end;
         }
     }
 }
