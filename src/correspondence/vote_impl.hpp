@@ -262,27 +262,28 @@ void Weftmap<Compare>::vote(const_image_view_t const& b, OffsetView const& nnf,
     if (prefer_coherent && allow_coherent && a_weights != nullptr) {
         _weight_buf.recreate(box_size);
         auto const& w = view(_weight_buf);
-        for (int y = box.ymin; y < box.ymax; ++y)
-            for (int x = box.xmin; x < box.xmax; ++x)
-                w(x - box.xmin, y - box.ymin) = (*a_weights)(x + 3, y + 3);
         static constexpr double table[5] = {0.1, 0.2, 0.3, 0.6, 1.0};
-        for (int y = box.ymin; y < box.ymax; ++y)
-            for (int x = box.xmin; x < box.xmax; ++x) {
-                if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) continue;
-                auto const match = nnf(x, y);
-                int count = 0;
-                for (int j : {-1, 1})
-                    for (int i : {-1, 1}) {
-                        int const nx = x + i, ny = y + j;
-                        if (nx < 0 || nx > nnf.width() - 7 || ny < 0 || ny > nnf.height() - 7)
-                            continue;
-                        auto const n = nnf(nx, ny);
-                        count += n[0] == match[0] + i && n[1] == match[1] + j;
-                    }
-                auto& weight = w(x - box.xmin, y - box.ymin);
-                weight = weight_pixel_t(
-                    static_cast<float>(double(channel_value(weight, 0)) * table[count]));
-            }
+        WeightInsetView const& given = *a_weights;
+        parallel_rows(box.ymin, box.ymax, box.xmax - box.xmin, [&](BlockedRange const& rows) {
+            for (int y = rows.begin(); y < rows.end(); ++y)
+                for (int x = box.xmin; x < box.xmax; ++x) {
+                    auto& weight = w(x - box.xmin, y - box.ymin);
+                    weight = given(x + 3, y + 3);
+                    if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) continue;
+                    auto const match = nnf(x, y);
+                    int count = 0;
+                    for (int j : {-1, 1})
+                        for (int i : {-1, 1}) {
+                            int const nx = x + i, ny = y + j;
+                            if (nx < 0 || nx > nnf.width() - 7 || ny < 0 || ny > nnf.height() - 7)
+                                continue;
+                            auto const n = nnf(nx, ny);
+                            count += n[0] == match[0] + i && n[1] == match[1] + j;
+                        }
+                    weight = weight_pixel_t(
+                        static_cast<float>(double(channel_value(weight, 0)) * table[count]));
+                }
+        });
         weights_in_buffer = detail::box_weights(_weight_buf, box, *a_weights);
         a_weights = &weights_in_buffer;
     }

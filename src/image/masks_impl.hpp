@@ -2,6 +2,7 @@
 #pragma once
 
 #include <weftmap/frame/exceptions.hpp>
+#include <weftmap/frame/parallel.hpp>
 #include <weftmap/image/masks.hpp>
 
 #include <cstdint>
@@ -34,29 +35,32 @@ void copy_pixels_masked(ConstView<Pixel> const& src, View<Pixel> const& dst,
             static_cast<long long>(src.width()), static_cast<long long>(src.height()),
             static_cast<long long>(mask.width()), static_cast<long long>(mask.height()));
     using Channel = channel_base_t<Pixel>;
-    for (std::ptrdiff_t y = 0; y < src.height(); ++y) {
-        auto const s = src.row_begin(y);
-        auto const d = dst.row_begin(y);
-        auto const m = mask.row_begin(y);
-        for (std::ptrdiff_t x = 0; x < src.width(); ++x) {
-            unsigned const coverage = m[x];
-            if (coverage == 0) continue;
-            if (coverage == 255) {
-                d[x] = s[x];
-                continue;
-            }
-            float const keep = 1.0f - static_cast<float>(coverage) / 255.0f;
-            for (int c = 0; c < num_channels_v<Pixel>; ++c) {
-                float const t = static_cast<float>(channel_value(d[x], c)) * keep +
-                                static_cast<float>(channel_value(s[x], c));
-                if constexpr (is_float_pixel_v<Pixel>) {
-                    set_channel(d[x], c, t);
-                } else {
-                    set_channel(d[x], c, detail::truncate_wrapping<Channel>(t + 0.5f));
+    // Rows are independent.
+    parallel_rows(0, static_cast<int>(src.height()), src.width(), [&](BlockedRange const& rows) {
+        for (std::ptrdiff_t y = rows.begin(); y < rows.end(); ++y) {
+            auto const s = src.row_begin(y);
+            auto const d = dst.row_begin(y);
+            auto const m = mask.row_begin(y);
+            for (std::ptrdiff_t x = 0; x < src.width(); ++x) {
+                unsigned const coverage = m[x];
+                if (coverage == 0) continue;
+                if (coverage == 255) {
+                    d[x] = s[x];
+                    continue;
+                }
+                float const keep = 1.0f - static_cast<float>(coverage) / 255.0f;
+                for (int c = 0; c < num_channels_v<Pixel>; ++c) {
+                    float const t = static_cast<float>(channel_value(d[x], c)) * keep +
+                                    static_cast<float>(channel_value(s[x], c));
+                    if constexpr (is_float_pixel_v<Pixel>) {
+                        set_channel(d[x], c, t);
+                    } else {
+                        set_channel(d[x], c, detail::truncate_wrapping<Channel>(t + 0.5f));
+                    }
                 }
             }
         }
-    }
+    });
 }
 
 #define WEFTMAP_INSTANTIATE_MASKS(P)                                                  \
