@@ -89,7 +89,7 @@ void minnn(Weftmap<Compare>& engine, typename Weftmap<Compare>::const_image_view
     auto const run = [&](auto body) {
         parallel_rows(box.ymin, box.ymax, box.xmax - box.xmin, body);
     };
-    if (GetClientProcs()->useVectorKernels)
+    if (registered_client().useVectorKernels)
         run(detail::minnn_loop<Compare, true>{&a, &b, &nnf, &dist, &prev_nnf, b_mask, region_masks,
                                               a_mask, patch_mask, box, &engine.comparator});
     else

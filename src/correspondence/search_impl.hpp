@@ -296,7 +296,7 @@ void Weftmap<Compare>::search(const_image_view_t const& a, const_image_view_t co
     if (patch_w != 7) raise("WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: %d", patch_w);
 
     Box const box = get_abox(7, a.dimensions(), a_mask);
-    int band_count = static_cast<std::int32_t>(GetClientProcs()->threadCount);
+    int band_count = static_cast<std::int32_t>(registered_client().threadCount);
     std::vector<Box> const bands = search_bands(box, band_count);
     band_count = static_cast<int>(bands.size());
 
@@ -341,7 +341,7 @@ void Weftmap<Compare>::search(const_image_view_t const& a, const_image_view_t co
                 words.z,
                 &abort_flag};
         };
-        if (GetClientProcs()->useVectorKernels)
+        if (registered_client().useVectorKernels)
             run(body(std::true_type()));
         else
             run(body(std::false_type()));

@@ -197,7 +197,7 @@ void Weftmap<Compare>::init_dist(const_image_view_t const& a, const_image_view_t
     auto const run = [&](auto body) {
         parallel_rows(box.ymin, box.ymax, box.xmax - box.xmin, body);
     };
-    if (GetClientProcs()->useVectorKernels)
+    if (registered_client().useVectorKernels)
         run(detail::init_dist_n_body<Compare, true>{&a, &b, &nnf, &view(dist), b_mask, region_masks,
                                                     a_mask, &comparator, box});
     else

@@ -1,4 +1,5 @@
 #include <weftmap/frame/client.hpp>
+#include <weftmap/frame/exceptions.hpp>
 
 #include <tbb/info.h>
 #include <tbb/task_arena.h>
@@ -38,6 +39,8 @@ void probe_scheduler(int threads) {
 WeftmapProcClient::~WeftmapProcClient() = default;
 
 bool Initialize(WeftmapProcClient* client) {
+    if (client == nullptr)
+        raise("WEFTMAP_INVALID_PARAMETERS: Initialize needs a client; it was given null");
     g_client = client;
     auto const requested = static_cast<std::int32_t>(client->threadCount);
     if (requested == -1) {
@@ -54,6 +57,14 @@ bool Initialize(WeftmapProcClient* client) {
 
 WeftmapProcClient* GetClientProcs() {
     return g_client;
+}
+
+WeftmapProcClient& registered_client() {
+    if (g_client == nullptr)
+        raise(
+            "WEFTMAP_INVALID_PARAMETERS: no client is registered; call Initialize with one before "
+            "any other call");
+    return *g_client;
 }
 
 void Terminate() {}

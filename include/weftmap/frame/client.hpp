@@ -30,9 +30,14 @@ public:
 };
 
 // Registers `client`; must come before any other call. Always returns true.
+// A null client is refused with WEFTMAP_INVALID_PARAMETERS and leaves the
+// registered one in place.
 WEFTMAP_API bool Initialize(WeftmapProcClient* client);
 // The client registered last, or null before the first Initialize.
 WEFTMAP_API WeftmapProcClient* GetClientProcs();
+// The client registered last; before the first Initialize it throws
+// WEFTMAP_INVALID_PARAMETERS, so that a call made too early fails cleanly.
+WEFTMAP_API WeftmapProcClient& registered_client();
 // Does nothing; the library keeps working afterwards.
 WEFTMAP_API void Terminate();
 // Returns the library version 0x10100; reports the threading interface

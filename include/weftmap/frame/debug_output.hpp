@@ -35,9 +35,11 @@ public:
     DebugChannel* channel;
 };
 
-// The output to log to, or null: message building starts only when non-null.
+// The output to log to, or null (also before Initialize): message building
+// starts only when non-null.
 inline DebugOutput* debug_output() {
-    return GetClientProcs()->GetDebugOutput();
+    WeftmapProcClient* client = GetClientProcs();
+    return client != nullptr ? client->GetDebugOutput() : nullptr;
 }
 
 // Prints a formatted message when a diagnostic output is installed; without
