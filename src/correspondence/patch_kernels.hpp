@@ -18,7 +18,9 @@
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/image/pixel_types.hpp>
 
+#include "correspondence/patch_kernels_avx2.hpp"
 #include "correspondence/patch_kernels_portable.hpp"
+#include "frame/cpu_features.hpp"
 #include "frame/wrapping.hpp"
 
 #if defined(__SSE2__)
@@ -214,10 +216,22 @@ inline distance_t<Pixel> translate_distance_bounded_scalar(ConstView<Pixel> cons
     return accumulate(acc, best);
 }
 
-// Vector forms: whole rows at a time, in the plain float unit.
+// Vector forms: whole rows at a time, in the plain float unit. 8-bit colour
+// rows take the AVX2 twin where the processor has it: the same sums.
 template <class Pixel>
 inline distance_t<Pixel> translate_distance_vector(ConstView<Pixel> const& a_patch,
                                                    ConstView<Pixel> const& b, int x, int y) {
+#if defined(WEFTMAP_AVX2_KERNELS)
+    if constexpr (kernels_avx2::covers<Pixel>) {
+        if (cpu_has_avx2()) {
+            auto const pa = kernels::patch_rows(a_patch, 0, 0);
+            auto const pb = kernels::patch_rows(b, x, y);
+            kernels::prefetch_patches(pa, pb);
+            return kernels_avx2::translate_distance<Pixel>(pa.origin, pa.stride, pb.origin,
+                                                           pb.stride);
+        }
+    }
+#endif
     return kernels::translate_distance_rows<Pixel, kernels::VectorRowDistance<Pixel>>(a_patch, b, x,
                                                                                       y);
 }
@@ -226,6 +240,17 @@ template <class Pixel>
 inline distance_t<Pixel> translate_distance_bounded_vector(ConstView<Pixel> const& a_patch,
                                                            ConstView<Pixel> const& b, int x, int y,
                                                            distance_t<Pixel> best) {
+#if defined(WEFTMAP_AVX2_KERNELS)
+    if constexpr (kernels_avx2::covers<Pixel>) {
+        if (cpu_has_avx2()) {
+            auto const pa = kernels::patch_rows(a_patch, 0, 0);
+            auto const pb = kernels::patch_rows(b, x, y);
+            kernels::prefetch_patches(pa, pb);
+            return kernels_avx2::translate_distance_bounded<Pixel>(pa.origin, pa.stride, pb.origin,
+                                                                   pb.stride, best);
+        }
+    }
+#endif
     return kernels::translate_distance_bounded_rows<Pixel, kernels::VectorRowDistance<Pixel>>(
         a_patch, b, x, y, best);
 }

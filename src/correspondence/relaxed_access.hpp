@@ -15,6 +15,10 @@ namespace detail {
 template <std::size_t Size>
 struct relaxed_word;
 template <>
+struct relaxed_word<1> {
+    typedef std::uint8_t __attribute__((may_alias)) type;
+};
+template <>
 struct relaxed_word<4> {
     typedef std::uint32_t __attribute__((may_alias)) type;
 };

@@ -7,6 +7,7 @@
 #include <weftmap/frame/exceptions.hpp>
 #include <weftmap/frame/parallel.hpp>
 
+#include "correspondence/vote_avx2.hpp"
 #if defined(__SSE2__)
 #include "correspondence/vote_sse2.hpp"
 #endif
@@ -64,6 +65,20 @@ inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int cou
         value[n] = 1.0;
         multiply_add<n + 1>(&acc[i][0], value, weight);
     }
+}
+
+// The same through the widest kernel: its AVX2 twin where the processor
+// has it (`avx2` is cpu_has_avx2(), asked once per vote).
+template <class Pixel>
+inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int count, double weight,
+                      bool avx2) {
+#if defined(WEFTMAP_AVX2_KERNELS)
+    if (avx2) {
+        add_votes_avx2(acc, src, count, weight);
+        return;
+    }
+#endif
+    add_votes(acc, src, count, weight);
 }
 
 // The source patch a target patch votes: the raw pixels of `b`, or for the
@@ -134,6 +149,7 @@ struct vote_n_lomem_body {
     Compare const* comparator;
     ClientBase<pixel_t>* client;
     std::atomic<bool>* abort_flag;
+    bool avx2 = cpu_has_avx2();
 
     void operator()(BlockedRange const& columns) const {
         int const begin = columns.begin(), end = columns.end();
@@ -159,7 +175,8 @@ struct vote_n_lomem_body {
             weight *= double(channel_value((*b_weights)(sx + 3, sy + 3), 0));
         VotedPatch<Compare> const patch(*comparator, b, sx, sy, x, y);
         for (int j = 0; j < 7; ++j)
-            add_votes(&ring((x + lo - box.xmin), (y + j) % 7), patch.row(j) + lo, hi - lo, weight);
+            add_votes(&ring((x + lo - box.xmin), (y + j) % 7), patch.row(j) + lo, hi - lo, weight,
+                      avx2);
     }
 
     // Every patch covering (x, y) has voted: normalise and reset.
@@ -185,6 +202,7 @@ struct vote_n_body {
     Box box;
     double cs;  // coherence weight per target patch
     double ps;  // completeness weight per source patch
+    bool avx2 = cpu_has_avx2();
 
     // Adds patch rows of source patch (sx, sy), placed with its top-left at
     // accumulator (ax, ay), that fall in [begin, end) and inside the
@@ -194,7 +212,7 @@ struct vote_n_body {
         if (i0 >= i1) return;  // entirely left or right of the accumulator
         int const j0 = std::max(-ay, begin - ay), j1 = std::min(7, end - ay);
         for (int j = std::max(0, j0); j < j1; ++j)
-            add_votes(&acc(ax + i0, ay + j), &b(sx + i0, sy + j), i1 - i0, weight);
+            add_votes(&acc(ax + i0, ay + j), &b(sx + i0, sy + j), i1 - i0, weight, avx2);
     }
 
     void operator()(BlockedRange const& rows) const {

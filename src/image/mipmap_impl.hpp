@@ -2,6 +2,7 @@
 #pragma once
 
 #include <weftmap/frame/exceptions.hpp>
+#include <weftmap/frame/parallel.hpp>
 #include <weftmap/image/mipmap.hpp>
 #include <weftmap/image/resample.hpp>
 
@@ -19,29 +20,33 @@ void reduce_level(ConstView<Pixel> const& parent, View<Pixel> const& level) {
     std::int64_t const ph = parent.height();
     std::int64_t const w = level.width();
     std::int64_t const h = level.height();
-    for (std::int64_t y = 0; y < h; ++y) {
-        std::int64_t const sy = (ph * y) / h;
-        auto const r0 = parent.row_begin(sy);
-        auto const r1 = parent.row_begin(sy + 1);
-        auto const out = level.row_begin(y);
-        for (std::int64_t x = 0; x < w; ++x) {
-            std::int64_t const sx = (pw * x) / w;
-            for (int c = 0; c < num_channels_v<Pixel>; ++c) {
-                if constexpr (is_float_pixel_v<Pixel>) {
-                    // Summed left to right in single precision, in this order.
-                    float const v =
-                        0.25f * channel_value(r0[sx + 1], c) + 0.25f * channel_value(r0[sx], c) +
-                        0.25f * channel_value(r1[sx], c) + 0.25f * channel_value(r1[sx + 1], c);
-                    set_channel(out[x], c, v);
-                } else {
-                    std::uint32_t const sum =
-                        std::uint32_t{channel_value(r0[sx], c)} + channel_value(r0[sx + 1], c) +
-                        channel_value(r1[sx], c) + channel_value(r1[sx + 1], c) + 2u;
-                    set_channel(out[x], c, static_cast<channel_base_t<Pixel>>(sum >> 2));
+    // Rows are independent.
+    parallel_rows(0, static_cast<int>(h), w, [&](BlockedRange const& rows) {
+        for (std::int64_t y = rows.begin(); y < rows.end(); ++y) {
+            std::int64_t const sy = (ph * y) / h;
+            auto const r0 = parent.row_begin(sy);
+            auto const r1 = parent.row_begin(sy + 1);
+            auto const out = level.row_begin(y);
+            for (std::int64_t x = 0; x < w; ++x) {
+                std::int64_t const sx = (pw * x) / w;
+                for (int c = 0; c < num_channels_v<Pixel>; ++c) {
+                    if constexpr (is_float_pixel_v<Pixel>) {
+                        // Summed left to right in single precision, in this order.
+                        float const v = 0.25f * channel_value(r0[sx + 1], c) +
+                                        0.25f * channel_value(r0[sx], c) +
+                                        0.25f * channel_value(r1[sx], c) +
+                                        0.25f * channel_value(r1[sx + 1], c);
+                        set_channel(out[x], c, v);
+                    } else {
+                        std::uint32_t const sum =
+                            std::uint32_t{channel_value(r0[sx], c)} + channel_value(r0[sx + 1], c) +
+                            channel_value(r1[sx], c) + channel_value(r1[sx + 1], c) + 2u;
+                        set_channel(out[x], c, static_cast<channel_base_t<Pixel>>(sum >> 2));
+                    }
                 }
             }
         }
-    }
+    });
 }
 
 }  // namespace detail

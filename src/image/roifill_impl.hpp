@@ -173,17 +173,21 @@ void blackfill(View<Pixel> const& image, ConstGrayView const& mask, bool invert)
         raise("WEFTMAP_INTERNAL_ERROR: blackfill: mask size (%dx%d) != image size (%dx%d)",
               static_cast<long long>(mask.width()), static_cast<long long>(mask.height()),
               static_cast<long long>(image.width()), static_cast<long long>(image.height()));
-    for (std::ptrdiff_t y = 0; y < image.height(); ++y) {
-        auto const row = image.row_begin(y);
-        auto const mask_row = mask.row_begin(y);
-        for (std::ptrdiff_t x = 0; x < image.width(); ++x) {
-            unsigned const m = mask_row[x];
-            if (!invert && m != 0)
-                detail::scale_pixel(row[x], 1.0f - static_cast<float>(m) / 255.0f);
-            else if (invert && m < 255)
-                detail::scale_pixel(row[x], 1.0f - static_cast<float>(255 - m) / 255.0f);
-        }
-    }
+    // Rows are independent.
+    parallel_rows(
+        0, static_cast<int>(image.height()), image.width(), [&](BlockedRange const& rows) {
+            for (std::ptrdiff_t y = rows.begin(); y < rows.end(); ++y) {
+                auto const row = image.row_begin(y);
+                auto const mask_row = mask.row_begin(y);
+                for (std::ptrdiff_t x = 0; x < image.width(); ++x) {
+                    unsigned const m = mask_row[x];
+                    if (!invert && m != 0)
+                        detail::scale_pixel(row[x], 1.0f - static_cast<float>(m) / 255.0f);
+                    else if (invert && m < 255)
+                        detail::scale_pixel(row[x], 1.0f - static_cast<float>(255 - m) / 255.0f);
+                }
+            }
+        });
 }
 
 template <class Pixel>

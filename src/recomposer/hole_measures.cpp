@@ -167,15 +167,19 @@ Box hole_bounding_box(ConstGrayView const& mask) {
     auto ymin = static_cast<std::int32_t>(mask.height());
     std::int32_t xmax = 0;
     std::int32_t ymax = 0;
+    auto const width = static_cast<std::int32_t>(mask.width());
     for (std::int32_t y = 0; y < mask.height(); ++y) {
-        auto const row = mask.row_begin(y);
-        for (std::int32_t x = 0; x < mask.width(); ++x) {
-            if (row[x][0] == 255) continue;
-            xmin = std::min(xmin, x);
-            ymin = std::min(ymin, y);
-            xmax = std::max(xmax, x + 1);
-            ymax = std::max(ymax, y + 1);
-        }
+        auto const* const row = reinterpret_cast<unsigned char const*>(&*mask.row_begin(y));
+        // The first and the last hole pixel of the row bound it.
+        std::int32_t first = 0;
+        while (first < width && row[first] == 255) ++first;
+        if (first == width) continue;
+        std::int32_t last = width - 1;
+        while (row[last] == 255) --last;
+        xmin = std::min(xmin, first);
+        ymin = std::min(ymin, y);
+        xmax = std::max(xmax, last + 1);
+        ymax = std::max(ymax, y + 1);
     }
     if (xmax == 0) return Box{};
     return Box{xmin, ymin, xmax, ymax};

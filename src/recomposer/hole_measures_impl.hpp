@@ -47,7 +47,8 @@ void mark_covering_corners(GrayView const& mask, int w, unsigned char value,
             // Locals, not captures: byte stores could alias a capture.
             int const width = cols, w = pw;
             unsigned char const value = mark;
-            std::size_t const span = static_cast<std::size_t>(width + w);
+            auto const columns = static_cast<std::size_t>(static_cast<unsigned>(width));
+            std::size_t const span = columns + static_cast<unsigned>(w);
             std::vector<unsigned char> buffer(span * static_cast<std::size_t>(w + 2));
             // Past the last column the hits stay 0, so windows need no clipping.
             unsigned char* const hits = buffer.data();
@@ -56,19 +57,19 @@ void mark_covering_corners(GrayView const& mask, int w, unsigned char value,
             auto const reduce_row = [&](int y) {
                 unsigned char* const out = ring + static_cast<std::size_t>(y % w) * span;
                 if (y >= height) {
-                    std::fill(out, out + width, 0);
+                    std::fill(out, out + columns, 0);
                     return;
                 }
                 std::fill(hits, hits + span, 0);
                 mark_row(y, hits);
-                std::copy(hits, hits + width, out);
+                std::copy(hits, hits + columns, out);
                 for (int i = 1; i < w; ++i)
                     for (int x = 0; x < width; ++x) out[x] |= hits[x + i];
             };
             for (int y = rows.begin(); y < rows.begin() + w - 1; ++y) reduce_row(y);
             for (int cy = rows.begin(); cy < rows.end(); ++cy) {
                 reduce_row(cy + w - 1);
-                std::copy(ring, ring + width, any);
+                std::copy(ring, ring + columns, any);
                 for (int k = 1; k < w; ++k) {
                     unsigned char const* const r = ring + static_cast<std::size_t>(k) * span;
                     for (int x = 0; x < width; ++x) any[x] |= r[x];

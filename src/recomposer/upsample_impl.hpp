@@ -5,11 +5,15 @@
 #include <weftmap/correspondence/region_masks.hpp>
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/frame/exceptions.hpp>
+#include <weftmap/frame/parallel.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
+
+#include "correspondence/relaxed_access.hpp"
 
 #include <boost/gil/algorithm.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 
@@ -105,45 +109,50 @@ void WeftmapRecomposer<Compare>::upsample_field2(
         return validnn(x - rect.xmin, y - rect.ymin)[0];
     };
 
-    long long missing = 0;
-    for (std::ptrdiff_t y = rect.ymin; y < rect.ymax; ++y)
-        for (std::ptrdiff_t x = rect.xmin; x < rect.xmax; ++x) {
-            if (frozen(x, y)) continue;
-            double const oxd = std::trunc((x + half) * mx.factor + 0.5 + mx.offset - half);
-            double const oyd = std::trunc((y + half) * my.factor + 0.5 + my.offset - half);
-            if (oxd < 0 || oyd < 0 || oxd > static_cast<double>(ow - w) ||
-                oyd > static_cast<double>(oh - w)) {
-                ++missing;
-                continue;
+    // Every position maps on its own: rows run in parallel.
+    std::atomic<long long> missing{0};
+    parallel_rows(rect.ymin, rect.ymax, rect.xmax - rect.xmin, [&](BlockedRange const& rows) {
+        long long unmapped = 0;
+        for (std::ptrdiff_t y = rows.begin(); y < rows.end(); ++y)
+            for (std::ptrdiff_t x = rect.xmin; x < rect.xmax; ++x) {
+                if (frozen(x, y)) continue;
+                double const oxd = std::trunc((x + half) * mx.factor + 0.5 + mx.offset - half);
+                double const oyd = std::trunc((y + half) * my.factor + 0.5 + my.offset - half);
+                if (oxd < 0 || oyd < 0 || oxd > static_cast<double>(ow - w) ||
+                    oyd > static_cast<double>(oh - w)) {
+                    ++unmapped;
+                    continue;
+                }
+                auto const ox = static_cast<std::ptrdiff_t>(oxd);
+                auto const oy = static_cast<std::ptrdiff_t>(oyd);
+                // What the truncation to a whole old position lost, in new pixels.
+                double const rx =
+                    mx.factor != 0.0 ? x - ((ox + half - mx.offset) / mx.factor - half) : 0.0;
+                double const ry =
+                    my.factor != 0.0 ? y - ((oy + half - my.offset) / my.factor - half) : 0.0;
+                if (prev_tmask != nullptr && (*prev_tmask)(ox, oy)[0] != 0) {
+                    ++unmapped;
+                    continue;
+                }
+                offset_pixel_t const f = old_field(ox, oy);
+                int const px = detail::clamped_trunc(
+                    (static_cast<int>(f[0]) + half) * sx.factor + 0.5 + sx.offset - half + rx, 0,
+                    last_px);
+                int const py = detail::clamped_trunc(
+                    (static_cast<int>(f[1]) + half) * sy.factor + 0.5 + sy.offset - half + ry, 0,
+                    last_py);
+                if (forbidden(px, py)) {
+                    ++unmapped;
+                    continue;
+                }
+                out(x, y) = offset_pixel_t(static_cast<unsigned short>(px),
+                                           static_cast<unsigned short>(py));
+                mark(x, y) = 255;
             }
-            auto const ox = static_cast<std::ptrdiff_t>(oxd);
-            auto const oy = static_cast<std::ptrdiff_t>(oyd);
-            // What the truncation to a whole old position lost, in new pixels.
-            double const rx =
-                mx.factor != 0.0 ? x - ((ox + half - mx.offset) / mx.factor - half) : 0.0;
-            double const ry =
-                my.factor != 0.0 ? y - ((oy + half - my.offset) / my.factor - half) : 0.0;
-            if (prev_tmask != nullptr && (*prev_tmask)(ox, oy)[0] != 0) {
-                ++missing;
-                continue;
-            }
-            offset_pixel_t const f = old_field(ox, oy);
-            int const px = detail::clamped_trunc(
-                (static_cast<int>(f[0]) + half) * sx.factor + 0.5 + sx.offset - half + rx, 0,
-                last_px);
-            int const py = detail::clamped_trunc(
-                (static_cast<int>(f[1]) + half) * sy.factor + 0.5 + sy.offset - half + ry, 0,
-                last_py);
-            if (forbidden(px, py)) {
-                ++missing;
-                continue;
-            }
-            out(x, y) =
-                offset_pixel_t(static_cast<unsigned short>(px), static_cast<unsigned short>(py));
-            mark(x, y) = 255;
-        }
+        missing.fetch_add(unmapped, std::memory_order_relaxed);
+    });
     OutputDebugChecksum("upsample_field2 validnn: ", validnn);
-    if (missing == 0) return;
+    if (missing.load() == 0) return;
 
     // Each pass grows the known area by one pixel, continuing a neighbour's
     // match as a coherent copy would. A pass writes marks below the ones it
@@ -155,41 +164,54 @@ void WeftmapRecomposer<Compare>::upsample_field2(
         std::trunc(half * 5.0 * std::max(inverse(mx.factor), inverse(my.factor)));
     if (!(pass_count >= 1.0)) return;
     long long const passes = pass_count > 1e9 ? 1000000000LL : static_cast<long long>(pass_count);
+    // A pass reads only marks above its own, which it never writes: its
+    // rows run in parallel. A neighbour's mark may be written by another
+    // row as it is read (from 0 to the pass's mark, both of which mean "not
+    // yet"), hence the relaxed accesses.
+    auto const mark_of = [&](std::ptrdiff_t x, std::ptrdiff_t y) {
+        return relaxed_load(mark(x, y));
+    };
     for (long long p = 1; p <= passes; ++p) {
         auto const m = static_cast<unsigned char>(std::max(255LL - p, 1LL));
-        long long unfilled = 0;
-        long long filled = 0;
-        for (std::ptrdiff_t y = rect.ymin; y < rect.ymax; ++y)
-            for (std::ptrdiff_t x = rect.xmin; x < rect.xmax; ++x) {
-                if (frozen(x, y) || mark(x, y) != 0) continue;
-                bool done = false;
-                for (detail::FillStep const& s : detail::fill_steps) {
-                    std::ptrdiff_t const nx = x + s.dx;
-                    std::ptrdiff_t const ny = y + s.dy;
-                    if (nx < rect.xmin || nx >= rect.xmax || ny < rect.ymin || ny >= rect.ymax)
-                        continue;
-                    if (mark(nx, ny) <= m) continue;
-                    offset_pixel_t const f = out(nx, ny);
-                    int const fx = f[0];
-                    int const fy = f[1];
-                    int const qx = fx + s.shift_x;
-                    int const qy = fy + s.shift_y;
-                    if (qx < 0 || qx > tw - w || qy < 0 || qy > th - w) continue;
-                    out(x, y) = forbidden(qx, qy) ? f
-                                                  : offset_pixel_t(static_cast<unsigned short>(qx),
-                                                                   static_cast<unsigned short>(qy));
-                    mark(x, y) = m;
-                    done = true;
-                    break;
+        std::atomic<long long> unfilled{0};
+        std::atomic<long long> filled{0};
+        parallel_rows(rect.ymin, rect.ymax, rect.xmax - rect.xmin, [&](BlockedRange const& rows) {
+            long long open = 0, done_here = 0;
+            for (std::ptrdiff_t y = rows.begin(); y < rows.end(); ++y)
+                for (std::ptrdiff_t x = rect.xmin; x < rect.xmax; ++x) {
+                    if (frozen(x, y) || mark_of(x, y) != 0) continue;
+                    bool done = false;
+                    for (detail::FillStep const& s : detail::fill_steps) {
+                        std::ptrdiff_t const nx = x + s.dx;
+                        std::ptrdiff_t const ny = y + s.dy;
+                        if (nx < rect.xmin || nx >= rect.xmax || ny < rect.ymin || ny >= rect.ymax)
+                            continue;
+                        if (mark_of(nx, ny) <= m) continue;
+                        offset_pixel_t const f = out(nx, ny);
+                        int const fx = f[0];
+                        int const fy = f[1];
+                        int const qx = fx + s.shift_x;
+                        int const qy = fy + s.shift_y;
+                        if (qx < 0 || qx > tw - w || qy < 0 || qy > th - w) continue;
+                        out(x, y) = forbidden(qx, qy)
+                                        ? f
+                                        : offset_pixel_t(static_cast<unsigned short>(qx),
+                                                         static_cast<unsigned short>(qy));
+                        relaxed_store(mark(x, y), m);
+                        done = true;
+                        break;
+                    }
+                    if (done)
+                        ++done_here;
+                    else
+                        ++open;
                 }
-                if (done)
-                    ++filled;
-                else
-                    ++unfilled;
-            }
+            unfilled.fetch_add(open, std::memory_order_relaxed);
+            filled.fetch_add(done_here, std::memory_order_relaxed);
+        });
         // A pass that fills nothing leaves the next one the same marks to
         // read, so it would fill nothing either.
-        if (unfilled == 0 || filled == 0) break;
+        if (unfilled.load() == 0 || filled.load() == 0) break;
     }
 }
 

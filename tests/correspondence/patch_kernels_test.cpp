@@ -72,6 +72,10 @@ void expect_kernels_agree(ConstView<Pixel> const& a_patch, ConstView<Pixel> cons
     } else {
         EXPECT_EQ(scalar, static_cast<D>(reference));
         EXPECT_EQ(vector, static_cast<D>(reference));
+        // The 16-byte rows, which `vector` may have passed over for a wider
+        // twin, give the same sums.
+        using Rows16 = kernels::VectorRowDistance<Pixel>;
+        EXPECT_EQ((kernels::translate_distance_rows<Pixel, Rows16>(a_patch, b, x, y)), vector);
         D const sentinel = distance_traits<Pixel>::sentinel;
         // At the bound the candidate comes back as the bound itself; one
         // below it is given up, one above it passes.
@@ -80,6 +84,10 @@ void expect_kernels_agree(ConstView<Pixel> const& a_patch, ConstView<Pixel> cons
             EXPECT_EQ(translate_distance_bounded_scalar<Pixel>(a_patch, b, x, y, best), expected)
                 << "best " << best;
             EXPECT_EQ(translate_distance_bounded_vector<Pixel>(a_patch, b, x, y, best), expected)
+                << "best " << best;
+            EXPECT_EQ(
+                (kernels::translate_distance_bounded_rows<Pixel, Rows16>(a_patch, b, x, y, best)),
+                expected)
                 << "best " << best;
         }
     }

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <random>
 
 namespace WM {
@@ -124,6 +125,31 @@ RecycledImage<Pixel> reference_vote(ConstView<Pixel> const& b, ConstView<offset_
             view(out)(x, y) = p;
         }
     return out;
+}
+
+TYPED_TEST(VoteTyped, WideKernelAddsBitForBitLikeTheNarrowOnes) {
+    using Pixel = TypeParam;
+    using Acc = accumulator_pixel_t<Pixel>;
+    if (!cpu_has_avx2()) GTEST_SKIP() << "no AVX2 on this processor";
+    // Rows of one to seven pixels, values over the whole range, weights of
+    // every magnitude (hole weights reach 1e30), sums that already hold
+    // inexact values: both kernels must round every step alike.
+    auto const pixels = test::random_image<Pixel>(7, 40, 3);
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<double> exponent(-30.0, 30.0);
+    for (int row = 0; row < 40; ++row) {
+        Acc narrow[7], wide[7];
+        for (int i = 0; i < 7; ++i)
+            for (int c = 0; c <= num_channels_v<Pixel>; ++c)
+                narrow[i][c] = wide[i][c] = std::pow(10.0, exponent(rng)) / 3.0;
+        int const count = 1 + row % 7;
+        for (int vote = 0; vote < 3; ++vote) {
+            double const weight = std::pow(10.0, exponent(rng)) * 0.7;
+            detail::add_votes(narrow, &const_view(pixels)(0, row), count, weight);
+            detail::add_votes(wide, &const_view(pixels)(0, row), count, weight, true);
+        }
+        ASSERT_EQ(std::memcmp(narrow, wide, sizeof(narrow)), 0) << "row " << row;
+    }
 }
 
 TYPED_TEST(VoteTyped, LowMemoryVoteIsIndependentOfTheSplitAndMatchesAFullAccumulator) {

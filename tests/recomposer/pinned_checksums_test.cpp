@@ -57,6 +57,9 @@ RecycledImage<gray8_pixel_t> two_disc_hole(Point const& size) {
 // What a run leaves on the channel: the count of checksum lines, a 64-bit
 // hash of them in order, and the first few for a readable failure.
 struct Fingerprint {
+    Fingerprint() = default;
+    Fingerprint(std::size_t lines, std::uint64_t hash) : lines(lines), hash(hash) {}
+
     std::size_t lines = 0;
     std::uint64_t hash = 0;
     std::string head;
