@@ -2,6 +2,7 @@
 
 #include "errors.hpp"
 
+#include <weftmap/host/errors.hpp>
 #include <weftmap/host/large_fill.hpp>
 
 #include <cerrno>
@@ -186,6 +187,22 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         bad("--compare needs the whole picture in memory and cannot go with --tiled");
     if (a.tiled && a.comparator == WM::host::Comparator::gain_bias)
         bad("--tiled compares patches plainly; it cannot go with --comparator gain-bias");
+    if (a.command == Command::fill || a.command == Command::retarget) {
+        // The kit's own checks, made by every run, here before any file is
+        // read: a bad value is a bad command line.
+        WM::host::Options run;
+        run.mode = a.mode;
+        run.comparator = a.comparator;
+        run.recomposer_options = a.options;
+        run.seed = a.seed;
+        run.warning = [](std::string const& text) { warn(text); };
+        try {
+            WM::host::check_recomposer_options(run);
+            if (!a.tiled) WM::host::check_comparator(run, a.command == Command::retarget);
+        } catch (WM::host::Error const& e) {
+            bad(e.what());
+        }
+    }
     if (a.command == Command::retarget) {
         if (a.scale > 0.0 && (a.width != 0 || a.height != 0))
             bad("retarget takes --scale or --width/--height, not both");
@@ -218,7 +235,10 @@ char const* usage_template() {
            "                          fit the limit, so pictures of any size fill in bounded\n"
            "                          memory\n"
            "retarget  changes the picture's size while keeping its texture; --width and\n"
-           "          --height may be given together, a missing one keeps the input's side\n"
+           "          --height may be given together, a missing one keeps the input's side;\n"
+           "          --scale S multiplies both. New sides are 7 to 65535 pixels, and a\n"
+           "          picture grows at most about 7 times a side (more when it is small);\n"
+           "          both are checked before any work\n"
            "tapestry  lays the frames of INPUT (a folder of numbered PNG, JPEG or TIFF\n"
            "          frames, or a video decoded with ffmpeg) out as one long seamless\n"
            "          picture, built tile by tile into OUTDIR: tiles/ (kept, so that a\n"
@@ -233,9 +253,12 @@ char const* usage_template() {
            "options:\n"
            "  --mode hole-fill|default|tapestry  parameter preset (fill: hole-fill,\n"
            "                                     retarget: tapestry)\n"
-           "  --comparator translate|gain-bias   patch comparison (default translate)\n"
+           "  --comparator translate|gain-bias   patch comparison (default translate);\n"
+           "                       gain-bias only for fills that vote one way (hole-fill\n"
+           "                       mode or --set -bidir=0), not for retarget\n"
            "  --set KEY[=VALUE]    a recomposer option, e.g. --set -em_iters=8 or\n"
-           "                       --set -no_minnn (repeatable; unknown keys are ignored)\n"
+           "                       --set -no_minnn (repeatable; values are checked, unknown\n"
+           "                       keys are ignored with a warning)\n"
            "  --seed N             random seed (0 seeds from the clock; default: fixed)\n"
            "  --threads N          number of search bands (default: one per core)\n"
            "  --scalar             scalar patch kernels instead of the vector ones\n"

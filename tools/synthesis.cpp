@@ -293,8 +293,9 @@ int run_retarget(Arguments const& args) {
     std::string const& output_path = args.files[1];
     output_format(output_path, host::FileFormat::png);
 
-    host::ImageFile const input = read_image(image_path);
-    host::Size const size = input.image.size();
+    // The header alone: the new size is checked before anything is decoded.
+    host::Size const size = host::RasterReader(image_path).size();
+    check_cancel();
     host::Size target = size;
     if (args.scale > 0.0) {
         target = {std::llround(size.width * args.scale), std::llround(size.height * args.scale)};
@@ -306,7 +307,13 @@ int run_retarget(Arguments const& args) {
         target.height > host::max_side)
         throw ToolError(exit_usage, "the new size " + host::size_text(target) +
                                         " is outside 1 to 65535 pixels a side");
+    try {
+        host::check_retarget_size(size, target, kit_options(args));
+    } catch (host::Error const& e) {
+        throw ToolError(exit_usage, e.what());
+    }
 
+    host::ImageFile const input = read_image(image_path);
     host::FileFormat const format = output_format(output_path, input.format);
     host::OutputFile output(output_path);
     host::Image result;

@@ -175,6 +175,7 @@ void check_inputs(RasterReader const& image, RasterReader const& hole, RasterWri
             "a fill in two passes compares patches plainly; the gain-bias comparator is not "
             "available for it");
     if (options.sample) refuse("a fill in two passes takes no sampling mask");
+    check_recomposer_options(options);
     Size const size = image.size();
     if (size.width > max_side || size.height > max_side)
         refuse("'" + image.path() + "' is " + size_text(size) +
@@ -194,6 +195,12 @@ void check_inputs(RasterReader const& image, RasterReader const& hole, RasterWri
 
 bool fill_fits_in_memory(PixelFormat format, Size size, Options const& options) {
     if (size.width <= 0 || size.height <= 0) return true;
+    {
+        // Checked as every run checks them; the run itself tells the warnings.
+        Options quiet = options;
+        quiet.warning = nullptr;
+        check_recomposer_options(quiet);
+    }
     detail::apply_process_settings(options);
     unsigned long long const limit = memory_limit();
     unsigned long long const held = memory_in_use();

@@ -6,6 +6,7 @@
 
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/host/synthesis.hpp>
+#include <weftmap/image/resample.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
 
 #include <string>
@@ -38,6 +39,10 @@ void check_mask(ConstImageView const& mask, ConstImageView const& image, char co
                                                   size_text(image.size()) +
                                                   "; they must be the same size");
 }
+
+// The library walks the new size towards its goal at the coarsest scale in
+// at most this many steps of retarget_step_ratio, and fails after them.
+constexpr int retarget_walk_steps = 100;
 
 struct Job {
     ConstImageView image;
@@ -92,21 +97,55 @@ Image dispatch(Job const& job) {
 
 }  // namespace
 
+void check_retarget_size(Size picture, Size size, Options const& options) {
+    if (size.width < 1 || size.height < 1 || size.width > max_side || size.height > max_side)
+        throw Error(ErrorCode::invalid_input,
+                    "the new size " + size_text(size) + " is outside 1 to 65535 pixels a side");
+    if (picture.width < 1 || picture.height < 1) return;
+    // The coarsest level's short side, as the recomposer will have it.
+    RecomposerParameters const preset(detail::preset_of(options.mode.value_or(Mode::tapestry)));
+    int coarse_size = preset.coarse_size;
+    auto const given = options.recomposer_options.find("-coarse_size");
+    if (given != options.recomposer_options.end()) coarse_size = std::stoi(given->second);
+    // The walk of the library's retarget: from the picture at the coarsest
+    // scale to the new size at that scale, a step at a time.
+    Point const source(picture.width, picture.height);
+    long long width = -1, height = -1;
+    double s0 = 0.0;
+    get_resample_size(
+        source, static_cast<int>(std::min<long long>(coarse_size, std::min(source.x, source.y))),
+        width, height, s0);
+    Point const goal = level_size(Point(size.width, size.height), s0);
+    Point c(width, height);
+    for (int step = 0; step < retarget_walk_steps && c != goal; ++step)
+        c = next_gradual_size(c, goal, retarget_step_ratio);
+    if (c != goal)
+        throw Error(ErrorCode::invalid_input,
+                    "the new size " + size_text(size) + " is too far from the picture's " +
+                        size_text(picture) +
+                        ": retargeting grows a picture at most about 7 times a side (more when "
+                        "it is small)");
+}
+
 Image fill(ConstImageView const& image, ConstImageView const& hole, Options const& options) {
     check_picture(image);
     check_mask(hole, image, "hole mask");
     if (options.sample) check_mask(*options.sample, image, "sampling mask");
+    Mode const mode = options.mode.value_or(Mode::hole_fill);
+    check_recomposer_options(options);
+    check_comparator(options, false);
     if (is_all_zero(hole)) return Image::copy_of(image);
-    return dispatch(Job{image, &hole, {}, options, options.mode.value_or(Mode::hole_fill)});
+    return dispatch(Job{image, &hole, {}, options, mode});
 }
 
 Image retarget(ConstImageView const& image, Size size, Options const& options) {
     check_picture(image);
     if (options.sample) check_mask(*options.sample, image, "sampling mask");
-    if (size.width < 1 || size.height < 1 || size.width > max_side || size.height > max_side)
-        throw Error(ErrorCode::invalid_input,
-                    "the new size " + size_text(size) + " is outside 1 to 65535 pixels a side");
-    return dispatch(Job{image, nullptr, size, options, options.mode.value_or(Mode::tapestry)});
+    Mode const mode = options.mode.value_or(Mode::tapestry);
+    check_recomposer_options(options);
+    check_comparator(options, true);
+    check_retarget_size(image.size(), size, options);
+    return dispatch(Job{image, nullptr, size, options, mode});
 }
 
 }  // namespace WM::host

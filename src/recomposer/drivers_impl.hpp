@@ -74,6 +74,48 @@ inline Box nonzero_bounding_box(ConstGrayView const& mask) {
     return box.empty() ? Box{} : box;
 }
 
+// Field positions are 16-bit: no side of a source or target may pass this.
+constexpr std::ptrdiff_t max_run_side = 65535;
+
+inline void refuse_oversized(char const* what, Point const& size) {
+    if (size.x > max_run_side || size.y > max_run_side)
+        raise(
+            "WEFTMAP_INVALID_PARAMETERS: the %s is %dx%d; sides of at most %d pixels are "
+            "supported",
+            what, static_cast<long long>(size.x), static_cast<long long>(size.y),
+            static_cast<long long>(max_run_side));
+}
+
+inline void refuse_size_mismatch(char const* what, Point const& size, char const* other,
+                                 Point const& expected) {
+    if (size != expected)
+        raise(
+            "WEFTMAP_INVALID_PARAMETERS: the %s is %dx%d but the %s is %dx%d; they must be the "
+            "same size",
+            what, static_cast<long long>(size.x), static_cast<long long>(size.y), other,
+            static_cast<long long>(expected.x), static_cast<long long>(expected.y));
+}
+
+// Checks made before a run touches anything: the patch sizes the search
+// supports (a patch of another size would read past the images' rows while
+// the masks are measured, before the search could refuse it), the sides of
+// the images, and the masks that must match the source or the target.
+template <class Recomposer>
+void check_run_inputs(Recomposer const& r, Point const& source, Point const& target,
+                      GrayView const* hole, GrayView const* valid,
+                      GrayView const* target_constraint_mask) {
+    if (r.patch_w != 7) raise("WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: %d", r.patch_w);
+    if (r.patch_w_refine >= 1 && r.patch_w_refine != 7)
+        raise("WEFTMAP_INVALID_PARAMETERS:Patch refinement size unsupported: %d", r.patch_w_refine);
+    refuse_oversized("source", source);
+    refuse_oversized("target", target);
+    if (hole != nullptr) refuse_size_mismatch("hole mask", hole->dimensions(), "target", target);
+    if (valid != nullptr) refuse_size_mismatch("valid mask", valid->dimensions(), "source", source);
+    if (target_constraint_mask != nullptr)
+        refuse_size_mismatch("target constraint mask", target_constraint_mask->dimensions(),
+                             "target", target);
+}
+
 }  // namespace detail
 
 // Takes the inputs of a run and resets what an earlier run left behind.
@@ -146,6 +188,10 @@ void WeftmapRecomposer<Compare>::recompose(view_t const& source,
     detail::refuse_zero_coarse_size(coarse_size);
     detail::refuse_negative_coarse_size(coarse_size);
     if (hole == nullptr) raise("WEFTMAP_INVALID_PARAMETERS: recompose needs a hole mask");
+    detail::check_run_inputs(
+        *this, source.dimensions(),
+        target_constraint != nullptr ? target_constraint->dimensions() : source.dimensions(), hole,
+        valid, target_constraint_mask);
     detail::SavedRunParameters<WeftmapRecomposer> const saved(*this);
     begin_run(*this, source, hole, guess, valid, target_constraint, region, src_important,
               target_constraint_mask);
@@ -209,6 +255,11 @@ void WeftmapRecomposer<Compare>::retarget(view_t const& source,
                                           view_t const* target_constraint,
                                           GrayView const* src_important) {
     detail::refuse_zero_coarse_size(coarse_size);
+    detail::check_run_inputs(*this, source.dimensions(), target_dimensions, nullptr, valid,
+                             nullptr);
+    if (hole != nullptr && target_constraint != nullptr)
+        detail::refuse_size_mismatch("hole mask", hole->dimensions(), "target constraint",
+                                     target_constraint->dimensions());
     debug_log("Begin Weftmap retarget\n");
     detail::SavedRunParameters<WeftmapRecomposer> const saved(*this);
     begin_run(*this, source, hole, nullptr, valid, target_constraint, nullptr, src_important,

@@ -57,11 +57,12 @@ TYPED_TEST(KitFill, KeepsKnownPixelsAndNeverWritesItsInputs) {
         // The periodic texture is continued into the hole. (The gain/bias
         // patch transform clamps at 255 for every depth, which spoils
         // 16-bit pictures, so only the plain comparator is judged.)
-        if (comparator == Comparator::translate)
+        if (comparator == Comparator::translate) {
             EXPECT_GT(WM::test::psnr_where(detail::packed_view<TypeParam>(image.view()),
                                            detail::packed_view<TypeParam>(result.view()),
                                            detail::packed_view<gray8_pixel_t>(hole.view())),
                       20.0);
+        }
     }
     EXPECT_TRUE(same_pixels(image.view(), image_before.view()));
     EXPECT_TRUE(same_pixels(hole.view(), hole_before.view()));
@@ -140,7 +141,8 @@ TEST(KitSynthesis, EachFailureComesOutWithItsCode) {
     EXPECT_EQ(code_of([&] { fill(image.view(), all.view(), fixed_options()); }),
               ErrorCode::hole_too_large);
 
-    // A value the library refuses names the library's message.
+    // A value outside what an option takes is refused before the run,
+    // naming the option.
     Options bad = fixed_options();
     bad.recomposer_options["-coarse_size"] = "0";
     try {
@@ -148,7 +150,8 @@ TEST(KitSynthesis, EachFailureComesOutWithItsCode) {
         FAIL() << "no error";
     } catch (Error const& e) {
         EXPECT_EQ(e.code(), ErrorCode::invalid_input);
-        EXPECT_EQ(e.library_message().rfind("WEFTMAP_INVALID_PARAMETERS", 0), 0u);
+        EXPECT_NE(std::string(e.what()).find("-coarse_size"), std::string::npos) << e.what();
+        EXPECT_EQ(e.library_message(), "");
     }
 
     unsigned long long const limit = memory_limit();

@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
+#include <thread>
+#include <vector>
+
 namespace WM {
 namespace {
 
@@ -54,6 +58,49 @@ TEST(MemoryLimit, GrowingCountsOldAndNewBlockAndSwapsMoveNothing) {
         other = image;                // fits: a copy into existing memory
         EXPECT_EQ(Limited::getCurrentAllocatedSize(), both);
     }
+    EXPECT_EQ(Limited::getCurrentAllocatedSize(), base);
+}
+
+// Hosts run operations on several threads at once (a Python program with
+// threads does): the count must stay exact, or a later run under a limit
+// fails its memory check for no reason.
+TEST(MemoryLimit, ConcurrentHostsKeepAnExactCount) {
+    auto const base = Limited::getCurrentAllocatedSize();
+    std::vector<std::thread> hosts;
+    for (int t = 0; t < 4; ++t)
+        hosts.emplace_back([t] {
+            for (int i = 0; i < 2000; ++i) {
+                RecycledImage<gray8_pixel_t> image(Point(1 + (i * 7 + t) % 64, 1 + t));
+                RecycledImage<gray8_pixel_t> other(Point(3, 1 + i % 5));
+            }
+        });
+    for (auto& h : hosts) h.join();
+    EXPECT_EQ(Limited::getCurrentAllocatedSize(), base);
+}
+
+// An allocator that answers null instead of throwing: the library must not
+// take the null, nor count its bytes.
+class NullClient : public WeftmapProcClient {
+public:
+    struct NullAllocator : BaseLimitedByteMemoryAllocator {
+        void* rawAllocate(unsigned long long) override { return nullptr; }
+        void rawDeallocate(void*, unsigned long long) override {}
+    };
+    MemoryAllocator* GetMemoryAllocator() override { return &allocator; }
+    DebugOutput* GetDebugOutput() override { return nullptr; }
+    NullAllocator allocator;
+};
+
+TEST(MemoryLimit, AnAllocatorThatReturnsNullThrowsBadAlloc) {
+    auto const base = Limited::getCurrentAllocatedSize();
+    NullClient null_client;
+    Initialize(&null_client);
+    struct Restore {
+        ~Restore() { Initialize(&test::client()); }
+    } const restore;
+    EXPECT_THROW(RecycledImage<rgb8_pixel_t>(Point(64, 64)), std::bad_alloc);
+    WMAllocator<unsigned char> allocator;
+    EXPECT_THROW(allocator.allocate(100), std::bad_alloc);
     EXPECT_EQ(Limited::getCurrentAllocatedSize(), base);
 }
 

@@ -211,7 +211,7 @@ bad_input)
 3|is 70000x2 pixels; Weftmap works on pictures of at most|retarget in/wide.png out/x.png --scale 0.5
 4|the hole is too large|fill in/rgb8.png in/mask-all.png out/x.png
 5|the memory limit of 20480 bytes is too small|fill in/rgb8.png in/mask.png out/x.png --memory-limit 20K
-1|the library failed: WEFTMAP_INVALID_PARAMETERS: coarse_size must be at least 1 (got 0)|fill in/rgb8.png in/mask.png out/x.png --set -coarse_size=0
+2|the recomposer option -coarse_size needs a whole number from 1 to 1000, got '0'|fill in/rgb8.png in/mask.png out/x.png --set -coarse_size=0
 1|retarget needs at least 7 pixels per side|retarget in/rgb8.png out/x.png --width 5
 6|cannot write 'out/no/x.png'|fill in/rgb8.png in/mask.png out/no/x.png
 6|cannot write 'out/no/c.png'|fill in/rgb8.png in/mask.png out/x.png --compare out/no/c.png

@@ -129,10 +129,13 @@ Failures raise weftmap.Error or one of its subclasses.)";
 char const* const keywords_doc = R"(
 mode: the parameter preset, 'hole-fill', 'default' or 'tapestry'.
 comparator: how patches are compared, 'translate' (plain differences) or
-    'gain-bias' (up to a per-patch gain and bias).
+    'gain-bias' (up to a per-patch gain and bias; only for fills that vote
+    one way: mode 'hole-fill' or the option bidir=0, never for retarget).
 options: recomposer option strings, {'em_iters': 8} or {'-em_iters': '8'}:
     a leading dash is added where missing, values are passed as str(),
-    None or True is a bare flag and False leaves the option out.
+    None or True is a bare flag and False leaves the option out. Values
+    outside what the option takes raise InvalidInputError naming it; unknown
+    options are ignored with a UserWarning.
 seed: the random seed; None keeps the library's fixed seed, 0 seeds from
     the clock.
 bands: horizontal bands of the correspondence search, for the whole

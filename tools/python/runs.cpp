@@ -72,6 +72,12 @@ host::Options kit_options(RunKeywords const& keywords) {
     }
     options.scalar_kernels = keywords.scalar;
 
+    // What a run ignores (an unknown option, say) as a UserWarning, which the
+    // caller may silence or turn into an error that stops the run.
+    options.warning = [](std::string const& text) {
+        py::gil_scoped_acquire const gil;
+        if (PyErr_WarnEx(PyExc_UserWarning, text.c_str(), 1) != 0) throw py::error_already_set();
+    };
     // Always there, callback or not: it is where Ctrl-C is noticed.
     py::handle const callback = keywords.progress ? py::handle(*keywords.progress) : py::handle();
     options.progress = [callback](float fraction) {

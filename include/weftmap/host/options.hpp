@@ -65,6 +65,25 @@ struct Options {
     // it cancels the run and comes out of the entry point as it is.
     std::function<void(float)> progress;
     CancelFlag const* cancel = nullptr;
+    // Told, on the calling thread before a run starts, what the run ignores:
+    // unknown recomposer options, values given to flags. An exception thrown
+    // from it comes out of the entry point as it is. Unset: not told.
+    std::function<void(std::string const&)> warning;
 };
+
+// Checks options.recomposer_options against the options the recomposer
+// knows: each value must be readable as its option's type and within the
+// range that works, and the seed must fit the recomposer's. Throws Error
+// (invalid_input) naming the option and what it takes; unknown keys and
+// values given to flags go to options.warning. Every run of the kit makes
+// this check first; hosts may call it earlier to refuse a command line.
+WEFTMAP_HOST_API void check_recomposer_options(Options const& options);
+
+// Refuses the gain-bias comparator for a run that votes with both fields:
+// every retarget, and a fill whose mode or -bidir option votes both ways
+// (the correction of a patch is known only for the target's own field).
+// Throws Error (invalid_input) saying what works instead. Fills and
+// retargets make this check first.
+WEFTMAP_HOST_API void check_comparator(Options const& options, bool retargeting);
 
 }  // namespace WM::host

@@ -19,6 +19,14 @@ inline constexpr std::ptrdiff_t max_side = 65535;
 WEFTMAP_HOST_API Image fill(ConstImageView const& image, ConstImageView const& hole,
                             Options const& options = {});
 
+// Refuses a new size that retargeting cannot reach from a picture of
+// `picture` with `options`: sides outside 1 to 65535, or growth beyond what
+// the coarsest level's walk covers (about 7 times a side, more for small
+// pictures; any shrinking works). The sizes alone decide, so a host may ask
+// before it reads the picture. retarget() asks first. Throws Error
+// (invalid_input).
+WEFTMAP_HOST_API void check_retarget_size(Size picture, Size size, Options const& options = {});
+
 // A picture of `size` that keeps the texture and objects of `image` at
 // their scale instead of stretching them. Throws Error.
 WEFTMAP_HOST_API Image retarget(ConstImageView const& image, Size size,

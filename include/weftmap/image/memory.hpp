@@ -5,6 +5,7 @@
 #include <weftmap/frame/client.hpp>
 #include <weftmap/frame/export.hpp>
 
+#include <atomic>
 #include <cstddef>
 
 namespace WM {
@@ -20,7 +21,9 @@ public:
 };
 
 // Keeps the process-wide count of bytes held and the limit; the host
-// supplies the raw memory operations.
+// supplies the raw memory operations. Both are relaxed atomics: hosts may run
+// operations on several threads at once (a Python program with threads
+// does), and each must see an exact count; one thread sees no difference.
 class WEFTMAP_API BaseLimitedByteMemoryAllocator : public MemoryAllocator {
 public:
     void* allocate(unsigned long long bytes) override;
@@ -37,8 +40,8 @@ public:
     static unsigned long long getLimit();
     static unsigned long long getCurrentAllocatedSize();
 
-    static unsigned long long m_limit;
-    static unsigned long long m_currentAllocatedSize;
+    static std::atomic<unsigned long long> m_limit;
+    static std::atomic<unsigned long long> m_currentAllocatedSize;
 };
 
 // Stateless allocator of the image buffers; tests the limit before every

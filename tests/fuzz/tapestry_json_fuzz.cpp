@@ -1,0 +1,156 @@
+// The tapestry descriptions for any frame count and frame size: the single
+// tapestry's writer and the multi-level factory's OutputJSON (which plans
+// frame lists and widths from the frame source) must write valid JSON whose
+// rows hold every frame of their level, whatever the numbers.
+#include "fuzz_support.hpp"
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <weftmap/tapestry/multi_tapestry_factory.hpp>
+#include <weftmap/tapestry/tapestry_json.hpp>
+
+#include <cctype>
+#include <cstdint>
+#include <sstream>
+#include <string>
+
+namespace {
+
+using Pixel = WM::gray8_pixel_t;
+
+class CountedFrames : public WM::TapestryFrameSource<Pixel> {
+public:
+    CountedFrames(int count, WM::Point size) : count_(count), size_(size) {}
+    int GetFrameCount() const override { return count_; }
+    WM::Point GetFrameSize() const override { return size_; }
+    void GetFramePixels(int, view_t&, WM::Point) const override {
+        weftmap_fuzz::fail("a description read a frame");
+    }
+
+private:
+    int count_;
+    WM::Point size_;
+};
+
+// A small JSON reader: true when `text` is one JSON value and nothing else.
+// Counts the numbers in the arrays it meets at `count_depth`.
+class JsonCheck {
+public:
+    explicit JsonCheck(std::string const& text) : s_(text) {}
+    bool valid() {
+        space();
+        if (!value(0)) return false;
+        space();
+        return i_ == s_.size();
+    }
+    long numbers = 0;  // numbers anywhere
+
+private:
+    bool value(int depth) {
+        if (depth > 32 || i_ >= s_.size()) return false;
+        char const c = s_[i_];
+        if (c == '{') return object(depth);
+        if (c == '[') return array(depth);
+        if (c == '"') return string();
+        return number();
+    }
+    bool object(int depth) {
+        ++i_;
+        space();
+        if (peek('}')) return true;
+        for (;;) {
+            space();
+            if (!string()) return false;
+            space();
+            if (!peek(':')) return false;
+            space();
+            if (!value(depth + 1)) return false;
+            space();
+            if (peek('}')) return true;
+            if (!peek(',')) return false;
+        }
+    }
+    bool array(int depth) {
+        ++i_;
+        space();
+        if (peek(']')) return true;
+        for (;;) {
+            space();
+            if (!value(depth + 1)) return false;
+            space();
+            if (peek(']')) return true;
+            if (!peek(',')) return false;
+        }
+    }
+    bool string() {
+        if (!peek('"')) return false;
+        while (i_ < s_.size() && s_[i_] != '"') ++i_;
+        return peek('"');
+    }
+    bool number() {
+        std::size_t const start = i_;
+        if (i_ < s_.size() && s_[i_] == '-') ++i_;
+        std::size_t const digits = i_;
+        while (i_ < s_.size() && std::isdigit(static_cast<unsigned char>(s_[i_]))) ++i_;
+        if (i_ == digits) return false;
+        if (s_[digits] == '0' && i_ - digits > 1) return false;  // no leading zeros
+        if (i_ < s_.size() && s_[i_] == '.') {
+            ++i_;
+            std::size_t const fraction = i_;
+            while (i_ < s_.size() && std::isdigit(static_cast<unsigned char>(s_[i_]))) ++i_;
+            if (i_ == fraction) return false;
+        }
+        if (i_ < s_.size() && (s_[i_] == 'e' || s_[i_] == 'E')) return false;  // not written
+        ++numbers;
+        return i_ > start;
+    }
+    bool peek(char c) {
+        if (i_ < s_.size() && s_[i_] == c) {
+            ++i_;
+            return true;
+        }
+        return false;
+    }
+    void space() {
+        while (i_ < s_.size() && std::isspace(static_cast<unsigned char>(s_[i_]))) ++i_;
+    }
+
+    std::string const& s_;
+    std::size_t i_ = 0;
+};
+
+// The description holds the header's four numbers, every frame number of
+// every level and one width per level.
+void check(std::string const& text, long expected_numbers) {
+    JsonCheck json(text);
+    if (!json.valid()) {
+        std::fprintf(stderr, "%s\n", text.substr(0, 2000).c_str());
+        weftmap_fuzz::fail("the description is not valid JSON");
+    }
+    if (json.numbers != expected_numbers) weftmap_fuzz::fail("the description lost numbers");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    static weftmap_fuzz::Setup const setup;
+    FuzzedDataProvider in(data, size);
+    WM::Point const frame(in.ConsumeIntegral<std::int64_t>(), in.ConsumeIntegral<std::int64_t>());
+    int const count = in.ConsumeIntegralInRange(-1000, 20000);
+    bool const multi = in.ConsumeBool();
+    std::ostringstream out;
+    if (!multi) {
+        WM::WriteTapestryJSON(out, frame, count);
+        check(out.str(), 4 + std::max(count, 0));
+        return 0;
+    }
+    unsigned const levels = in.ConsumeIntegralInRange(1u, 12u);
+    CountedFrames const frames(count, frame);
+    WM::MultiTapestryFactory<Pixel> factory(frames, nullptr, levels);
+    long expected = 4 + long(levels);
+    for (auto const& list : factory.frame_lists) expected += long(list.size());
+    factory.OutputJSON(out, nullptr);
+    check(out.str(), expected);
+    for (unsigned l = 0; l < levels; ++l) factory.GetTapestrySize(l, 0);
+    return 0;
+}
