@@ -128,6 +128,21 @@ public:
     }
 };
 
+// Another's sequence, borrowed, for the wrappers that own what they wrap.
+class BorrowedFrames : public FrameSequence {
+public:
+    explicit BorrowedFrames(FrameSequence const& frames) : frames_(frames) {}
+    std::ptrdiff_t frame_count() const override { return frames_.frame_count(); }
+    Size frame_size() const override { return frames_.frame_size(); }
+    PixelFormat format() const override { return frames_.format(); }
+    void read_frame(std::ptrdiff_t index, ImageView const& out) const override {
+        frames_.read_frame(index, out);
+    }
+
+private:
+    FrameSequence const& frames_;
+};
+
 struct Plan {
     Size frame;
     Size tile;
@@ -293,25 +308,13 @@ TapestryResult make_tapestry(FrameSequence const& frames, std::string const& fol
     claim_folder(folder, settings_text(plan, t));
 
     detail::apply_process_settings(options);
-    std::unique_ptr<FrameSequence> owned;
-    FrameSequence const* sized = &frames;
-    if (plan.frame != original) {
-        struct Borrowed : FrameSequence {
-            explicit Borrowed(FrameSequence const& f) : f(f) {}
-            std::ptrdiff_t frame_count() const override { return f.frame_count(); }
-            Size frame_size() const override { return f.frame_size(); }
-            PixelFormat format() const override { return f.format(); }
-            void read_frame(std::ptrdiff_t i, ImageView const& out) const override {
-                f.read_frame(i, out);
-            }
-            FrameSequence const& f;
-        };
-        owned = scale_frames(std::make_unique<Borrowed>(frames), plan.frame);
-        sized = owned.get();
-    }
+    std::unique_ptr<FrameSequence> scaled;
+    if (plan.frame != original)
+        scaled = scale_frames(std::make_unique<BorrowedFrames>(frames), plan.frame);
+    FrameSequence const& sized = scaled ? *scaled : frames;
     return detail::visit_format(plan.format, [&](auto tag) {
         using Pixel = typename decltype(tag)::type;
-        return run<Pixel>(*sized, folder, plan, t, options);
+        return run<Pixel>(sized, folder, plan, t, options);
     });
 }
 

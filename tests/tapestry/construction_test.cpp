@@ -150,6 +150,9 @@ TYPED_TEST(TapestryTyped, ATextureTapestryKeepsItsSizeAndBrightness) {
     test::paint_texture(view(picture));
     test::PanSource<TypeParam> source(picture, Point(16, 12), 3, 6);
     RecycledImage<TypeParam> out;
+    // One band and a fixed seed: a run in bands may land further from the
+    // mean now and then.
+    test::Reproducible repeat;
     TapestryFactory<TypeParam>(source, nullptr).Construct(out, 0, -1);
     ASSERT_EQ(out.dimensions(), Point(32, 18));
     auto const mean = [](auto const& v) {
