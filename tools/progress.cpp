@@ -46,8 +46,10 @@ void ProgressDisplay::update(float fraction) {
         std::fflush(stderr);
         line_open_ = true;
     } else {
+        // A line per tenth done; "0%" would only add a line to a run that
+        // fails at once.
         int const tenths = static_cast<int>(f * 10.0f);
-        if (tenths <= shown_) return;
+        if (tenths <= std::max(shown_, 0)) return;
         shown_ = tenths;
         std::fprintf(stderr, "%s: %d%%\n", label_.c_str(), tenths * 10);
     }
