@@ -10,6 +10,7 @@
 #include <weftmap/frame/parallel.hpp>
 #include <weftmap/image/masks.hpp>
 
+#include "correspondence/abort_watch.hpp"
 #include "correspondence/engine_helpers.hpp"
 #include "correspondence/expected_position.hpp"
 #include "correspondence/patch_kernels.hpp"
@@ -76,14 +77,20 @@ struct search_n_body {
             poll_abort();
             return;
         }
-        Pass pass{*this, RandomGenerator{w, z}, search_radius_ratio(owner->rs_ratio),
+        Pass pass{*this,
+                  RandomGenerator{w, z},
+                  search_radius_ratio(owner->rs_ratio),
                   ExpectedPosition(a->dimensions(), b->dimensions(), owner->patch_w),
-                  r.begin() == 0 && r.end() == band_count};
+                  r.begin() == 0 && r.end() == band_count,
+                  {owner->client, abort_flag}};
         if (forward) {
-            for (int i = r.begin(); i < r.end(); ++i) pass.band((*bands)[i]);
+            for (int i = r.begin(); i < r.end() && !pass.watch.stop_after(0); ++i)
+                pass.band((*bands)[i]);
         } else {
-            for (int i = r.end() - 1; i >= r.begin(); --i) pass.band((*bands)[i]);
+            for (int i = r.end() - 1; i >= r.begin() && !pass.watch.stop_after(0); --i)
+                pass.band((*bands)[i]);
         }
+        if (pass.watch.stop_after(0)) return;  // the flag is up already
         poll_abort();
     }
 
@@ -100,6 +107,7 @@ struct search_n_body {
         int ratio;
         ExpectedPosition expected;
         bool all_bands;
+        AbortWatch<ClientBase<pixel_t>> watch;
 
         void band(Box const& box) {
             int const dx = s.forward ? 1 : -1;
@@ -109,7 +117,10 @@ struct search_n_body {
             int const x1 = s.forward ? box.xmax : box.xmin - 1;
             for (int y = y0; y != y1; y += dx) {
                 int const ey = expected.y(y);
-                for (int x = x0; x != x1; x += dx) pixel(x, y, dx, ey);
+                for (int x = x0; x != x1; x += dx) {
+                    pixel(x, y, dx, ey);
+                    if (watch.stop_after(1)) return;
+                }
             }
         }
 
@@ -259,6 +270,7 @@ struct search_n_body {
             int const rs_min = s.owner->rs_min;
             while (radius >= rs_min) {
                 for (int t = 0; t < tries; ++t) {
+                    if (watch.stop_after(1)) return;
                     int const xlo = std::max(bx - radius, 0);
                     int const xhi = std::min(bx + radius + 1, s.b_x_bound);
                     int const ylo = std::max(by - radius, 0);

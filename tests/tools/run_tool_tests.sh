@@ -410,6 +410,25 @@ cancel)
             fail "SIG$signal: left $(ls -A out | tr '\n' ' ')"
     done
 
+    # A search pass that alone would run for hours still notices Ctrl-C.
+    rm -rf out && mkdir out
+    "$tool" fill in/rgb8.png in/mask.png out/x.png --set -rs_iters=1e9 2>log/stderr >log/stdout &
+    pid=$!
+    sleep 1
+    kill -INT "$pid"
+    waited=0
+    while kill -0 "$pid" 2>/dev/null && [ "$waited" -lt 100 ]; do
+        sleep 0.1
+        waited=$((waited + 1))
+    done
+    kill -KILL "$pid" 2>/dev/null
+    wait "$pid"
+    status=$?
+    [ "$status" -eq 130 ] && [ "$waited" -le 50 ] &&
+        ok "a long search pass stops within $((waited / 10)).$((waited % 10)) s" ||
+        fail "a long search pass: exit status $status after $waited tenths of a second"
+    [ -z "$(ls -A out)" ] && ok "a long search pass: no output" || fail "left $(ls -A out)"
+
     # A second signal ends the process at once, without unwinding: the
     # handler itself removes the temporary files. Sent while the process is
     # stopped, both are pending when it goes on, so the second always comes
