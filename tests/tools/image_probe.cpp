@@ -6,7 +6,7 @@
 //                                        an NxN RGB texture (8-bit unless rgb16) and a mask
 //                                        with a large hole
 //   image_probe info FILE                "PNG 64x48 8-bit RGB", read from the file's header
-//   image_probe check-fill INPUT MASK OUTPUT [--lossy]
+//   image_probe check-fill INPUT MASK OUTPUT [--lossy] [--min-psnr DB] (default 20)
 //   image_probe same A B                 pixel-identical files of one type
 //   image_probe peak-rss FILE COMMAND... runs COMMAND, writes its peak resident size in KiB
 //   image_probe pan PHOTO DIR N W H STEP  N frames WxH of a pan over PHOTO (STEP pixels a
@@ -467,9 +467,9 @@ int with_pair(std::string const& a_path, std::string const& b_path, F const& f) 
 
 // Outside the mask the output must equal the input exactly (lossless
 // formats); inside, its PSNR against the input (the texture before the
-// hole) must reach 20 dB.
+// hole) must reach `min_psnr` dB.
 int check_fill(std::string const& input_path, std::string const& mask_path,
-               std::string const& output_path, bool lossy) {
+               std::string const& output_path, bool lossy, double min_psnr) {
     auto const mask = host::read_mask_file(mask_path);
     return with_pair(input_path, output_path, [&](auto const& a, auto const& b) {
         auto const m = host::detail::packed_view<WM::gray8_pixel_t>(mask.view());
@@ -484,7 +484,7 @@ int check_fill(std::string const& input_path, std::string const& mask_path,
         double const psnr = WM::test::psnr_where(a, b, m);
         std::cout << "changed outside the hole: " << changed_outside
                   << ", PSNR in the hole: " << psnr << " dB\n";
-        return (lossy || changed_outside == 0) && psnr >= 20 ? 0 : 1;
+        return (lossy || changed_outside == 0) && psnr >= min_psnr ? 0 : 1;
     });
 }
 
@@ -586,8 +586,15 @@ int main(int argc, char** argv) {
             args[0] == "make-large")
             return make_large(args[1], args[2], std::stol(args[3]), args.size() == 5);
         if (args.size() == 2 && args[0] == "info") return info(args[1]);
-        if (args.size() >= 4 && args[0] == "check-fill")
-            return check_fill(args[1], args[2], args[3], args.size() == 5 && args[4] == "--lossy");
+        if (args.size() >= 4 && args[0] == "check-fill") {
+            bool lossy = false;
+            double min_psnr = 20.0;
+            for (std::size_t i = 4; i < args.size(); ++i) {
+                if (args[i] == "--lossy") lossy = true;
+                if (args[i] == "--min-psnr" && i + 1 < args.size()) min_psnr = std::stod(args[++i]);
+            }
+            return check_fill(args[1], args[2], args[3], lossy, min_psnr);
+        }
         if (args.size() == 3 && args[0] == "same") return same(args[1], args[2]);
         if (args.size() == 7 && args[0] == "pan")
             return pan(args[1], args[2], std::stol(args[3]), std::stol(args[4]), std::stol(args[5]),
