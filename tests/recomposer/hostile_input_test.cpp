@@ -3,6 +3,7 @@
 // any allocation or is cancelled at any progress point releases everything,
 // restores the recomposer's parameters and leaves it fit for another run.
 #include "correspondence/recording_client.hpp"
+#include "recomposer/recomposer_fixture.hpp"
 #include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
@@ -23,16 +24,10 @@ using Pixel = rgb8_pixel_t;
 using Recomposer = WeftmapRecomposer<TranslatePatchCompare<Pixel>>;
 
 RecycledImage<Pixel> texture(std::ptrdiff_t width, std::ptrdiff_t height) {
-    RecycledImage<Pixel> image(Point(width, height));
-    test::paint_texture(view(image));
-    return image;
+    return test::texture<Pixel>(width, height);
 }
 
-Gray disc_hole(Point const& size, double cx, double cy, double radius) {
-    Gray hole(size);
-    test::paint_disc(view(hole), cx, cy, radius);
-    return hole;
-}
+using test::disc_hole;
 
 // A client whose cancel flag rises at its `cancel_at`-th progress report.
 struct CancellingClient : test::RecordingClient<Pixel> {

@@ -1,4 +1,5 @@
 #include "correspondence/recording_client.hpp"
+#include "recomposer/recomposer_fixture.hpp"
 #include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
@@ -13,18 +14,8 @@ namespace {
 
 using Gray = RecycledImage<gray8_pixel_t>;
 
-template <class Pixel>
-RecycledImage<Pixel> texture(std::ptrdiff_t width, std::ptrdiff_t height) {
-    RecycledImage<Pixel> image(Point(width, height));
-    test::paint_texture(view(image));
-    return image;
-}
-
-Gray disc_hole(Point const& size, double cx, double cy, double radius) {
-    Gray hole(size);
-    test::paint_disc(view(hole), cx, cy, radius);
-    return hole;
-}
+using test::disc_hole;
+using test::texture;
 
 // Fills `hole` (255 = hole) of `image` with `r`.
 template <class Compare, class Pixel = typename Compare::pixel_t>
