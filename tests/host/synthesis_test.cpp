@@ -13,6 +13,8 @@
 #include <cstring>
 #include <stdexcept>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace WM::host::test {
 namespace {
@@ -159,6 +161,94 @@ TEST(KitSynthesis, EachFailureComesOutWithItsCode) {
     tight.memory_limit = memory_in_use() + 20000;
     EXPECT_EQ(code_of([&] { fill(image.view(), hole.view(), tight); }), ErrorCode::memory_limit);
     set_memory_limit(limit);
+}
+
+// The message of the Error that `run` throws, or "" when it throws none.
+std::string message_of(std::function<void()> const& run) {
+    try {
+        run();
+    } catch (Error const& e) {
+        EXPECT_EQ(e.code(), ErrorCode::invalid_input) << e.what();
+        return e.what();
+    }
+    return "";
+}
+
+TEST(KitSynthesis, OptionsAreCheckedBeforeAnyWorkAndNameWhatIsWrong) {
+    std::vector<std::string> warnings;
+    auto const with = [&](std::string const& key, std::string const& value) {
+        Options options;
+        options.recomposer_options[key] = value;
+        options.warning = [&](std::string const& text) { warnings.push_back(text); };
+        return message_of([&] { check_recomposer_options(options); });
+    };
+    // Unreadable, non-finite and out-of-range values name the option.
+    EXPECT_EQ(with("-em_iters", "abc"),
+              "the recomposer option -em_iters needs a whole number from 1 to 1000, got 'abc'");
+    EXPECT_NE(with("-rs_ratio", "nan").find("-rs_ratio needs a number above 0 and below 1"),
+              std::string::npos);
+    for (auto const& [key, value] :
+         std::vector<std::pair<std::string, std::string>>{{"-patch_w", "-1"},
+                                                          {"-patch_w", "0"},
+                                                          {"-em_iters", "0"},
+                                                          {"-em_iters", "8.5"},
+                                                          {"-coarse_size", "-1"},
+                                                          {"-last_upscale_step", "2"},
+                                                          {"-hole_gamma", "1"},
+                                                          {"-bidir", "yes"},
+                                                          {"-src_important_weight", "1e-9"}})
+        EXPECT_NE(with(key, value).find(key + " needs"), std::string::npos) << key << "=" << value;
+    // Values that work pass; unknown keys and values of flags are only told.
+    for (auto const& [key, value] :
+         std::vector<std::pair<std::string, std::string>>{{"-em_iters", "8"},
+                                                          {"-rs_ratio", "0.25"},
+                                                          {"-patch_w_refine", "0"},
+                                                          {"-src_important_weight", "0"},
+                                                          {"-bidir", "1"}})
+        EXPECT_EQ(with(key, value), "") << key << "=" << value;
+    EXPECT_TRUE(warnings.empty());
+    EXPECT_EQ(with("-frobnicate", "3"), "");
+    EXPECT_EQ(with("-no_minnn", "1"), "");
+    EXPECT_EQ(warnings,
+              (std::vector<std::string>{
+                  "the recomposer has no option '-frobnicate'; it is ignored",
+                  "the recomposer option -no_minnn is a flag; its value '1' is ignored"}));
+
+    // The gain-bias comparator only where the vote is one-way.
+    Options gain_bias;
+    gain_bias.comparator = Comparator::gain_bias;
+    EXPECT_EQ(message_of([&] { check_comparator(gain_bias, false); }), "");
+    EXPECT_NE(message_of([&] { check_comparator(gain_bias, true); }).find("retargeting"),
+              std::string::npos);
+    gain_bias.mode = Mode::general;
+    EXPECT_NE(message_of([&] { check_comparator(gain_bias, false); }).find("-bidir to 0"),
+              std::string::npos);
+    gain_bias.recomposer_options["-bidir"] = "0";
+    EXPECT_EQ(message_of([&] { check_comparator(gain_bias, false); }), "");
+
+    // Retarget sizes: any shrinking, growth up to the walk's reach.
+    Size const picture{640, 480};
+    EXPECT_EQ(message_of([&] { check_retarget_size(picture, {448, 480}); }), "");
+    EXPECT_EQ(message_of([&] { check_retarget_size(picture, {7, 7}); }), "");
+    EXPECT_EQ(message_of([&] { check_retarget_size(picture, {1280, 960}); }), "");
+    EXPECT_NE(message_of([&] {
+                  check_retarget_size(picture, {19200, 14400});
+              }).find("too far"),
+              std::string::npos);
+    EXPECT_NE(message_of([&] {
+                  check_retarget_size(picture, {70000, 480});
+              }).find("outside 1 to 65535"),
+              std::string::npos);
+    // And the entry points ask before they work.
+    Image const image = texture(rgb8, {48, 36});
+    EXPECT_EQ(code_of([&] {
+                  retarget(image.view(), {48 * 30, 36 * 30});
+              }),
+              ErrorCode::invalid_input);
+    EXPECT_EQ(code_of([&] {
+                  retarget(image.view(), {40, 36}, gain_bias);
+              }),
+              ErrorCode::invalid_input);
 }
 
 TEST(KitSynthesis, CancelFromAnotherThreadAndCallbackFailuresStopTheRun) {

@@ -212,6 +212,10 @@ bad_input)
 4|the hole is too large|fill in/rgb8.png in/mask-all.png out/x.png
 5|the memory limit of 20480 bytes is too small|fill in/rgb8.png in/mask.png out/x.png --memory-limit 20K
 2|the recomposer option -coarse_size needs a whole number from 1 to 1000, got '0'|fill in/rgb8.png in/mask.png out/x.png --set -coarse_size=0
+2|the recomposer option -em_iters needs a whole number from 1 to 1000, got 'abc'|fill in/rgb8.png in/mask.png out/x.png --set -em_iters=abc
+2|retargeting votes both ways (use the translate comparator)|retarget in/rgb8.png out/x.png --width 40 --comparator gain-bias
+2|mode default votes both ways|fill in/rgb8.png in/mask.png out/x.png --mode default --comparator gain-bias
+2|is too far from the picture's 64x48|retarget in/rgb8.png out/x.png --scale 30
 1|retarget needs at least 7 pixels per side|retarget in/rgb8.png out/x.png --width 5
 6|cannot write 'out/no/x.png'|fill in/rgb8.png in/mask.png out/no/x.png
 6|cannot write 'out/no/c.png'|fill in/rgb8.png in/mask.png out/x.png --compare out/no/c.png
