@@ -84,6 +84,13 @@ def test_options_are_dashed_stringified_and_flagged():
     np.testing.assert_array_equal(run({"em_iters": 1}), plain)
     np.testing.assert_array_equal(run({"em_iters": 1, "minnn": False}), plain)
     assert not np.array_equal(run({"em_iters": 1, "no_minnn": None}), plain)
+    # Values are checked and name their option; unknown options are told.
+    with pytest.raises(weftmap.InvalidInputError, match="-em_iters needs a whole number"):
+        run({"em_iters": "abc"})
+    with pytest.warns(UserWarning, match="no option '-frobnicate'"):
+        np.testing.assert_array_equal(run({"em_iters": 1, "frobnicate": 3}), plain)
+    with pytest.raises(weftmap.InvalidInputError, match="retargeting votes both ways"):
+        weftmap.retarget(image, width=30, comparator="gain-bias")
 
 
 def test_ctrl_c_stops_a_long_fill_within_about_a_second():
