@@ -1,8 +1,10 @@
 // The two description texts, byte for byte: tabs, blanks and flushed line
 // feeds as viewers of the format expect them, including the comma after
 // "level_widths" that stands even when no "tile_info" follows.
+#include <weftmap/frame/exceptions.hpp>
 #include <weftmap/tapestry/tapestry_json.hpp>
 
+#include <cstdint>
 #include <ostream>
 
 namespace WM {
@@ -22,6 +24,10 @@ void write_row(std::ostream& out, std::int64_t count, std::int64_t row, Number c
 
 // From "{" to the line that opens "frames".
 void write_header(std::ostream& out, Point frame_size) {
+    // Three quarters of a height beyond 32 bits has no int to be written as.
+    if (frame_size.y < INT32_MIN || frame_size.y > INT32_MAX)
+        raise("WEFTMAP_INVALID_PARAMETERS: the frame height %d is outside 32 bits",
+              static_cast<long long>(frame_size.y));
     auto const row_height = static_cast<std::int32_t>(static_cast<float>(frame_size.y) * 0.75f);
     auto const frame_width = static_cast<long long>(frame_size.x);
     out << "{" << std::endl;

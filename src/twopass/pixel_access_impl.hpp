@@ -87,6 +87,7 @@ void MultiScalePixelAccessBase<Pixel>::getHolePixels(GrayView&, Point) {}
 
 template <class Pixel>
 void MultiScalePixelAccessBase<Pixel>::safeGetHolePixels(GrayView& out, Point origin) {
+    if (out.width() <= 0 || out.height() <= 0) return;  // nothing to read, maybe no memory
     auto const h = detail::hole_bounds(*this);
     if (detail::view_inside(h, origin, out.dimensions())) {
         getHolePixels(out, origin);
@@ -100,6 +101,7 @@ void MultiScalePixelAccessBase<Pixel>::safeGetHolePixels(GrayView& out, Point or
 
 template <class Pixel>
 void MultiScalePixelAccessBase<Pixel>::safeGetOutputPixels(view_t& out, Point origin) {
+    if (out.width() <= 0 || out.height() <= 0) return;  // nothing to read, maybe no memory
     auto const h = detail::hole_bounds(*this);
     bool hole = false, init = false, valid = false, a_constraint = false, b_weight = false,
          a_constraint_mask = false;
@@ -120,6 +122,7 @@ void MultiScalePixelAccessBase<Pixel>::safeGetOutputPixels(view_t& out, Point or
 
 template <class Pixel>
 void MultiScalePixelAccessBase<Pixel>::safeSetOutputPixels(view_t const& in, Point origin) {
+    if (in.width() <= 0 || in.height() <= 0) return;  // nothing to write
     auto const h = detail::hole_bounds(*this);
     // The view seen from the hole bounds: at `origin - h.origin`, clipped to them.
     auto const part = detail::overlap_in_frame(origin - h.origin, in.dimensions(), h.size);

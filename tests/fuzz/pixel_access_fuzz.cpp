@@ -142,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
                 }
         } else {
             std::uint8_t const value = in.ConsumeIntegral<std::uint8_t>();
-            boost::gil::fill_pixels(v, Pixel(value));
+            if (!pixels.empty()) boost::gil::fill_pixels(v, Pixel(value));
             std::vector<std::uint8_t> expected = access.result;
             for (std::ptrdiff_t y = 0; y < view_size.y; ++y)
                 for (std::ptrdiff_t x = 0; x < view_size.x; ++x)

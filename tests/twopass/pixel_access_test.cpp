@@ -70,6 +70,15 @@ TEST(SafeAccessors, HoleReadsClipToTheHoleBoundsAndAreZeroOutside) {
     EXPECT_NO_THROW(host.access.safeGetHolePixels(v, Point(35, 0)));
     for (auto p : v) EXPECT_EQ(int(p[0]), 0);
     EXPECT_EQ(host.access.violations, 0);
+
+    // Views without pixels (and without memory) ask the host for nothing.
+    std::size_t const calls = host.access.calls.size();
+    GrayView no_mask = gil::interleaved_view(0, 4, static_cast<gray8_pixel_t*>(nullptr), 1);
+    host.access.safeGetHolePixels(no_mask, Point(20, 10));
+    View<Pixel> no_pixels = gil::interleaved_view(3, 0, static_cast<Pixel*>(nullptr), 3);
+    host.access.safeGetOutputPixels(no_pixels, Point(-5, 10));
+    host.access.safeSetOutputPixels(no_pixels, Point(20, 10));
+    EXPECT_EQ(host.access.calls.size(), calls);
 }
 
 TEST(SafeAccessors, OutputReadsPrefillWithTheConstraintExactlyWhenOneIsOffered) {
