@@ -56,6 +56,17 @@ inline void refuse_zero_coarse_size(int coarse_size) {
         raise("WEFTMAP_INVALID_PARAMETERS: coarse_size must be at least 1 (got 0)");
 }
 
+// A level narrower than a patch has no field to search: its buffers would
+// have negative sides.
+inline void refuse_level_below_patch(Point const& level, int coarse_size) {
+    if (level.x < 7 || level.y < 7)
+        raise(
+            "WEFTMAP_INVALID_PARAMETERS: the coarsest level is %dx%d (coarse size %d), smaller "
+            "than a 7x7 patch; the picture is too small for it (set a larger -coarse_size with "
+            "-const_coarse_size)",
+            static_cast<long long>(level.x), static_cast<long long>(level.y), coarse_size);
+}
+
 inline void refuse_negative_coarse_size(int coarse_size) {
     if (coarse_size < 0) raise("WEFTMAP_INTERNAL_ERROR:Non pyramid code disabled");
 }
@@ -221,6 +232,8 @@ void WeftmapRecomposer<Compare>::recompose(view_t const& source,
     scales = build_scale_list(s0, pyramid_ratio, last_upscale_step);
     Point const coarse_source =
         target_constraint != nullptr ? level_size(source.dimensions(), s0) : coarse;
+    detail::refuse_level_below_patch(coarse, coarse_size);
+    detail::refuse_level_below_patch(coarse_source, coarse_size);
 
     bool const has_constraints = !constraints.empty();
     this->current_scale = scales.front();  // the pre-fill radius scales with it

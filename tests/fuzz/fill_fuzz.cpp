@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -198,6 +200,23 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             }
         } catch (host::Error const& e) {
             // Internal failures are findings: every refusal must say what is wrong.
+            if (e.code() == host::ErrorCode::internal) {
+                std::fprintf(stderr, "%s %lldx%lld -> %lldx%lld, mode %d, bands %d, options:",
+                             retarget ? "retarget" : "fill", (long long)picture_size.width,
+                             (long long)picture_size.height, (long long)target.width,
+                             (long long)target.height, mode, options.bands);
+                for (auto const& [key, value] : options.recomposer_options)
+                    std::fprintf(stderr, " %s=%s", key.c_str(), value.c_str());
+                std::fprintf(stderr, "\n");
+                // The inputs as files, to run again with the command-line host.
+                if (char const* folder = std::getenv("WEFTMAP_FUZZ_DUMP")) {
+                    std::string const base = std::string(folder) + "/";
+                    host::write_image_file(base + "picture.tif", base + "picture.tif",
+                                           host::FileFormat::tiff, image.view());
+                    host::write_image_file(base + "hole.png", base + "hole.png",
+                                           host::FileFormat::png, hole.view());
+                }
+            }
             weftmap_fuzz::expect_codes(
                 e, {host::ErrorCode::invalid_input, host::ErrorCode::hole_too_large,
                     host::ErrorCode::memory_limit, host::ErrorCode::cancelled});

@@ -156,6 +156,20 @@ TEST(KitSynthesis, EachFailureComesOutWithItsCode) {
         EXPECT_EQ(e.library_message(), "");
     }
 
+    // A speck of a hole in a tiny picture: its coarsest level would be
+    // narrower than a patch.
+    Image const tiny = texture(rgb8, {8, 18});
+    Image speck(mask_format, tiny.size());
+    std::memset(speck.view().pixel(0, 3), 255, 3);
+    try {
+        fill(tiny.view(), speck.view(), fixed_options());
+        ADD_FAILURE() << "no error";
+    } catch (Error const& e) {
+        EXPECT_EQ(e.code(), ErrorCode::invalid_input);
+        EXPECT_NE(e.library_message().find("smaller than a 7x7 patch"), std::string::npos)
+            << e.library_message();
+    }
+
     unsigned long long const limit = memory_limit();
     Options tight = fixed_options();
     tight.memory_limit = memory_in_use() + 20000;
