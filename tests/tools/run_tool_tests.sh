@@ -660,12 +660,16 @@ tapestry_viewer)
         tiles/animated-1-0 tapestry-level-1.png; do
         [ -e "out/v/$f" ] && ok "made $f" || fail "no $f"
     done
-    # Headless, offline, with a profile of its own.
+    # Headless, offline, with a profile of its own, removed afterwards.
     browse() {
+        local profile status
+        profile=$(mktemp -d "$work/profile.XXXXXX")
         timeout 120 "$browser" --headless --no-sandbox --disable-gpu --disable-quic --no-first-run \
             --disable-background-networking --disable-component-update --disable-sync \
-            --user-data-dir="$(mktemp -d "$work/profile.XXXXXX")" --virtual-time-budget=30000 \
-            "$@" 2>>log/browser
+            --user-data-dir="$profile" --virtual-time-budget=30000 "$@" 2>>log/browser
+        status=$?
+        rm -rf "$profile"
+        return $status
     }
     checker=$here/check_viewer.py
     # Frame 6 lies in the upper row at columns 192 to 255 of level 0; rows
