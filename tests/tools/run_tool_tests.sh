@@ -63,6 +63,28 @@ check_info() {
     [ "$got" = "$3" ] && ok "$1: $3" || { echo "$got" >log/stderr; fail "$1: '$got', not '$3'"; }
 }
 
+# wait_for_line PID PATTERN: until standard error shows PATTERN or the run
+# ends, a minute at most.
+wait_for_line() {
+    for _ in $(seq 600); do
+        grep -q "$2" log/stderr && return
+        kill -0 "$1" 2>/dev/null || return
+        sleep 0.1
+    done
+}
+
+# finish PID: waits a minute at most for the run to end, then kills it;
+# its exit status goes to $status.
+finish() {
+    for _ in $(seq 600); do
+        kill -0 "$1" 2>/dev/null || break
+        sleep 0.1
+    done
+    kill -KILL "$1" 2>/dev/null
+    wait "$1"
+    status=$?
+}
+
 # Runners for expect.
 with_file_limit() { (ulimit -f 1 && exec "$@"); }
 # Writes the peak resident size in KiB to log/rss.
@@ -387,21 +409,11 @@ cancel)
         "$tool" fill in/large.png in/large-mask.png out/large.png 2>log/stderr >log/stdout &
         pid=$!
         # Signal once the run reports progress, and a moment later.
-        for _ in $(seq 600); do
-            grep -q "filling: " log/stderr && break
-            kill -0 "$pid" 2>/dev/null || break
-            sleep 0.1
-        done
+        wait_for_line "$pid" "filling: "
         sleep 0.5
         kill -"$signal" "$pid"
         # A run that does not stop is killed after a minute.
-        for _ in $(seq 600); do
-            kill -0 "$pid" 2>/dev/null || break
-            sleep 0.1
-        done
-        kill -KILL "$pid" 2>/dev/null
-        wait "$pid"
-        status=$?
+        finish "$pid"
         expected=130
         [ "$signal" = TERM ] && expected=143
         [ "$signal" = HUP ] && expected=129
@@ -442,22 +454,12 @@ cancel)
     "$tool" fill in/large.png in/large-mask.png out/large.png --compare out/compare.png \
         2>log/stderr >log/stdout &
     pid=$!
-    for _ in $(seq 600); do
-        grep -q "filling: " log/stderr && break
-        kill -0 "$pid" 2>/dev/null || break
-        sleep 0.1
-    done
+    wait_for_line "$pid" "filling: "
     kill -STOP "$pid"
     kill -HUP "$pid"
     kill -INT "$pid"
     kill -CONT "$pid"
-    for _ in $(seq 600); do
-        kill -0 "$pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    kill -KILL "$pid" 2>/dev/null
-    wait "$pid"
-    status=$?
+    finish "$pid"
     # Ended by whichever of the two came second.
     [ "$status" -eq 129 ] || [ "$status" -eq 130 ] && ok "a second signal: exit status $status" ||
         fail "a second signal: exit status $status, expected 129 or 130"
@@ -514,11 +516,7 @@ large)
         "$tool" fill in/cancel.png in/cancel-mask.png out/cancel.png --tiled --memory-limit 16M \
             2>log/stderr >log/stdout &
         pid=$!
-        for _ in $(seq 600); do
-            grep -q "filling: [1-9]0%" log/stderr && break
-            kill -0 "$pid" 2>/dev/null || break
-            sleep 0.1
-        done
+        wait_for_line "$pid" "filling: [1-9]0%"
         if [ "$signals" = INT ]; then
             kill -INT "$pid"
         else
@@ -527,13 +525,7 @@ large)
             kill -INT "$pid"
             kill -CONT "$pid"
         fi
-        for _ in $(seq 600); do
-            kill -0 "$pid" 2>/dev/null || break
-            sleep 0.1
-        done
-        kill -KILL "$pid" 2>/dev/null
-        wait "$pid"
-        status=$?
+        finish "$pid"
         [ "$status" -eq 130 ] || [ "$status" -eq 129 ] && ok "SIG${signals// /+SIG}: exit status $status" ||
             fail "SIG${signals// /+SIG}: exit status $status"
         [ -z "$(ls -A out)" ] && ok "SIG${signals// /+SIG}: no output and no temporary file" ||
