@@ -216,6 +216,19 @@ inline distance_t<Pixel> translate_distance_bounded_scalar(ConstView<Pixel> cons
     return accumulate(acc, best);
 }
 
+#if defined(WEFTMAP_AVX2_KERNELS)
+// Gives `wide` the rows of both patches, prefetched, as origin and stride
+// of each: the form the AVX2 twins take.
+template <class Pixel, class Wide>
+inline distance_t<Pixel> on_patch_rows(ConstView<Pixel> const& a_patch, ConstView<Pixel> const& b,
+                                       int x, int y, Wide const& wide) {
+    auto const pa = kernels::patch_rows(a_patch, 0, 0);
+    auto const pb = kernels::patch_rows(b, x, y);
+    kernels::prefetch_patches(pa, pb);
+    return wide(pa.origin, pa.stride, pb.origin, pb.stride);
+}
+#endif
+
 // Vector forms: whole rows at a time, in the plain float unit. 8-bit colour
 // rows take the AVX2 twin where the processor has it: the same sums.
 template <class Pixel>
@@ -223,13 +236,10 @@ inline distance_t<Pixel> translate_distance_vector(ConstView<Pixel> const& a_pat
                                                    ConstView<Pixel> const& b, int x, int y) {
 #if defined(WEFTMAP_AVX2_KERNELS)
     if constexpr (kernels_avx2::covers<Pixel>) {
-        if (cpu_has_avx2()) {
-            auto const pa = kernels::patch_rows(a_patch, 0, 0);
-            auto const pb = kernels::patch_rows(b, x, y);
-            kernels::prefetch_patches(pa, pb);
-            return kernels_avx2::translate_distance<Pixel>(pa.origin, pa.stride, pb.origin,
-                                                           pb.stride);
-        }
+        if (cpu_has_avx2())
+            return on_patch_rows(a_patch, b, x, y, [](auto... rows) {
+                return kernels_avx2::translate_distance<Pixel>(rows...);
+            });
     }
 #endif
     return kernels::translate_distance_rows<Pixel, kernels::VectorRowDistance<Pixel>>(a_patch, b, x,
@@ -242,13 +252,10 @@ inline distance_t<Pixel> translate_distance_bounded_vector(ConstView<Pixel> cons
                                                            distance_t<Pixel> best) {
 #if defined(WEFTMAP_AVX2_KERNELS)
     if constexpr (kernels_avx2::covers<Pixel>) {
-        if (cpu_has_avx2()) {
-            auto const pa = kernels::patch_rows(a_patch, 0, 0);
-            auto const pb = kernels::patch_rows(b, x, y);
-            kernels::prefetch_patches(pa, pb);
-            return kernels_avx2::translate_distance_bounded<Pixel>(pa.origin, pa.stride, pb.origin,
-                                                                   pb.stride, best);
-        }
+        if (cpu_has_avx2())
+            return on_patch_rows(a_patch, b, x, y, [best](auto... rows) {
+                return kernels_avx2::translate_distance_bounded<Pixel>(rows..., best);
+            });
     }
 #endif
     return kernels::translate_distance_bounded_rows<Pixel, kernels::VectorRowDistance<Pixel>>(
