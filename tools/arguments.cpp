@@ -3,6 +3,7 @@
 #include "errors.hpp"
 
 #include <weftmap/host/errors.hpp>
+#include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/large_fill.hpp>
 
 #include <cerrno>
@@ -160,6 +161,14 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         } else if (arg == "--tiled" && a.command == Command::fill) {
             no_value();
             a.tiled = true;
+        } else if (arg == "--grow" && a.command == Command::fill) {
+            a.grow = static_cast<int>(parse_whole(arg, value(), 0, WM::host::max_hole_growth));
+        } else if (arg == "--sample" && a.command == Command::fill) {
+            a.sample_path = value();
+            if (a.sample_path.empty()) bad("--sample needs a mask file");
+        } else if (arg == "--exclude" && a.command == Command::fill) {
+            a.exclude_path = value();
+            if (a.exclude_path.empty()) bad("--exclude needs a mask file");
         } else if (arg == "--compare" && a.command == Command::fill) {
             a.compare_path = value();
             if (a.compare_path.empty()) bad("--compare needs a file name");
@@ -183,6 +192,8 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
              : a.command == Command::tapestry ? "INPUT OUTDIR"
                                               : std::string("IMAGE OUTPUT")) +
             ", got " + std::to_string(a.files.size()) + " file name(s)");
+    if (!a.sample_path.empty() && !a.exclude_path.empty())
+        bad("--sample and --exclude say the same thing two ways; give one of them");
     if (a.tiled && !a.compare_path.empty())
         bad("--compare needs the whole picture in memory and cannot go with --tiled");
     if (a.tiled && a.comparator == WM::host::Comparator::gain_bias)
@@ -226,6 +237,12 @@ char const* usage_template() {
            "\n"
            "fill      fills the hole where MASK is non-zero (255 = hole; partial values are\n"
            "          passed on as they are) with material from the rest of IMAGE.\n"
+           "          --grow N        grows the hole by N pixels first (default 0), for\n"
+           "                          masks painted tightly that leave an object's edge,\n"
+           "                          halo or shadow behind\n"
+           "          --sample MASK   takes patches only where MASK is non-zero\n"
+           "          --exclude MASK  takes no patches where MASK is non-zero (say where\n"
+           "                          the fill must not copy from: a face, a sign)\n"
            "          --compare FILE  also writes the input with the hole tinted beside the\n"
            "                          result, as 8-bit RGB\n"
            "          --tiled         fills in two passes: first the whole job at the finest\n"

@@ -36,6 +36,12 @@ struct Arguments {
     std::string compare_path;
     // fill: two passes with working files even when one pass would fit.
     bool tiled = false;
+    // fill: pixels the hole grows by before filling.
+    int grow = WM::host::default_hole_growth;
+    // Where patches may come from (non-zero pixels of sample_path), or
+    // where they may not (non-zero pixels of exclude_path).
+    std::string sample_path;
+    std::string exclude_path;
 
     // retarget: the new width and height (0 keeps the input's) or a scale.
     long long width = 0;

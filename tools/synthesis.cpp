@@ -5,6 +5,7 @@
 #include "progress.hpp"
 
 #include <weftmap/host/errors.hpp>
+#include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/image_file.hpp>
 #include <weftmap/host/large_fill.hpp>
 #include <weftmap/host/output_file.hpp>
@@ -108,6 +109,7 @@ host::Options kit_options(Arguments const& args) {
     options.bands = args.threads;
     options.scalar_kernels = args.scalar;
     options.cancel = &interrupt_flag();
+    options.grow = args.grow;
     return options;
 }
 
@@ -132,6 +134,22 @@ void report_empty_hole(std::string const& mask_path, std::string const& output_p
                  mask_path.c_str(), output_path.c_str(), written.c_str());
 }
 
+// The mask of --sample, or the complement of the mask of --exclude.
+std::optional<host::Image> sampling_mask(Arguments const& args, host::Size size) {
+    bool const excluding = !args.exclude_path.empty();
+    std::string const& path = excluding ? args.exclude_path : args.sample_path;
+    if (path.empty()) return std::nullopt;
+    host::Warnings warnings;
+    host::Image mask = host::read_mask_file(path, &warnings);
+    show(warnings);
+    if (mask.size() != size)
+        throw ToolError(exit_input, "the mask '" + path + "' is " + host::size_text(mask.size()) +
+                                        " but the image is " + host::size_text(size) +
+                                        "; they must be the same size");
+    if (excluding) return host::sampling_outside(mask.view());
+    return mask;
+}
+
 // The whole picture in memory, in one pass.
 int fill_whole(Arguments const& args, host::FileFormat format) {
     std::string const& image_path = args.files[0];
@@ -148,12 +166,17 @@ int fill_whole(Arguments const& args, host::FileFormat format) {
     if (!args.compare_path.empty()) compare.emplace(args.compare_path);
     bool const empty_hole = host::is_all_zero(mask.view());
 
+    std::optional<host::Image> const sampling = sampling_mask(args, input.image.size());
+    check_cancel();
+
     host::Image result;
     if (empty_hole) {
         result = input.image.clone();
     } else {
         ProgressDisplay progress("filling", !args.quiet);
-        result = host::fill(input.image.view(), mask.view(), kit_options(args, progress));
+        host::Options options = kit_options(args, progress);
+        if (sampling) options.sample = sampling->view();
+        result = host::fill(input.image.view(), mask.view(), options);
         progress.update(1.0f);
     }
     check_cancel();
@@ -182,6 +205,10 @@ int fill_tiled(Arguments const& args, host::FileFormat format) {
     std::string const& image_path = args.files[0];
     std::string const& mask_path = args.files[1];
     std::string const& output_path = args.files[2];
+    if (!args.sample_path.empty() || !args.exclude_path.empty() || args.grow != 0)
+        throw ToolError(exit_usage,
+                        "a fill in two passes (--tiled, or a picture beyond --memory-limit) "
+                        "takes no --sample, --exclude or --grow; prepare the mask before");
     host::Options options = kit_options(args);
     if (!args.compare_path.empty())
         warn(

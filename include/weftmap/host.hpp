@@ -3,6 +3,7 @@
 
 #include <weftmap/host/errors.hpp>
 #include <weftmap/host/export.hpp>
+#include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/image.hpp>
 #include <weftmap/host/large_fill.hpp>
 #include <weftmap/host/options.hpp>

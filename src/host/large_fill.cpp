@@ -147,7 +147,7 @@ LargeFillReport solve(DiskPyramid const& picture, DiskPyramid const& hole, Raste
         TwoPassSynthesisInterface<Pixel> synthesis(&access, &client, PatchCompareTranslate,
                                                    RecomposerModeKeep);
         synthesis.setSynthesisMode(detail::preset_of(options.mode.value_or(Mode::hole_fill)));
-        auto map = detail::option_map(options);
+        auto map = detail::fill_option_map(options);
         synthesis.setSynthesisParameters(map);
         if (debug_output() != nullptr) synthesis.synthesis->recomposer.serialize();
         {
@@ -175,6 +175,8 @@ void check_inputs(RasterReader const& image, RasterReader const& hole, RasterWri
             "a fill in two passes compares patches plainly; the gain-bias comparator is not "
             "available for it");
     if (options.sample) refuse("a fill in two passes takes no sampling mask");
+    if (options.grow != 0)
+        refuse("a fill in two passes does not grow the hole; grow the mask before (grow_hole)");
     check_recomposer_options(options);
     Size const size = image.size();
     if (size.width > max_side || size.height > max_side)
@@ -218,7 +220,7 @@ bool fill_fits_in_memory(PixelFormat format, Size size, Options const& options) 
             return client.run([&] {
                 WeftmapRecomposer<Compare> recomposer(
                     &client, detail::preset_of(options.mode.value_or(Mode::hole_fill)));
-                auto map = detail::option_map(options);
+                auto map = detail::fill_option_map(options);
                 recomposer.setParameters(map);
                 RecycledImage<Pixel> output;
                 Point const S(size.width, size.height);

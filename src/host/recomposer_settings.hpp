@@ -29,4 +29,18 @@ inline std::map<std::string, std::string> option_map(Options const& options) {
     return map;
 }
 
+// The option map of a fill. Structure is settled at the coarsest level that
+// synthesises. The hole-fill preset starts where the hole is three quarters
+// of a patch wide, where a picture's background often offers no patch of
+// its own yet and the level copies whatever salient object is near (faces
+// into a sky); starting where it is one and a half patches wide removes
+// most such copies on the evaluation photographs, at the same speed. A
+// caller's own value stays.
+inline std::map<std::string, std::string> fill_option_map(Options const& options) {
+    auto map = option_map(options);
+    if (options.mode.value_or(Mode::hole_fill) == Mode::hole_fill)
+        map.emplace("-min_hole_width", "1.5");
+    return map;
+}
+
 }  // namespace WM::host::detail

@@ -5,6 +5,7 @@
 #include "storage.hpp"
 
 #include <weftmap/frame/debug_output.hpp>
+#include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/synthesis.hpp>
 #include <weftmap/image/resample.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
@@ -58,7 +59,8 @@ Image run(Job const& job) {
     detail::RunClient<Pixel> client(job.options);
     return client.run([&] {
         WeftmapRecomposer<Compare> recomposer(&client, detail::preset_of(job.mode));
-        auto options = detail::option_map(job.options);
+        auto options = job.hole != nullptr ? detail::fill_option_map(job.options)
+                                           : detail::option_map(job.options);
         recomposer.setParameters(options);
         if (debug_output() != nullptr) recomposer.serialize();
 
@@ -71,11 +73,29 @@ Image run(Job const& job) {
         GrayView const* valid = job.options.sample ? &sample_view : nullptr;
         std::vector<Constraint> constraints;
         RecycledImage<Pixel> result;
-        if (job.hole != nullptr) {
+        if (job.hole != nullptr && valid != nullptr) {
+            // Alone, a sampling mask would also say which pixels are fixed:
+            // the picture itself is the constraint, every pixel outside the
+            // hole fixed, and the hole never a place to sample from.
+            auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
+            GrayView const hole_view = view(hole);
+            for (std::ptrdiff_t y = 0; y < sample_view.height(); ++y)
+                for (std::ptrdiff_t x = 0; x < sample_view.width(); ++x) {
+                    auto& allowed = sample_view(x, y)[0];
+                    allowed = allowed != 0 && hole_view(x, y)[0] == 0 ? 255 : 0;
+                }
+            auto constraint = detail::library_copy<Pixel>(job.image);
+            RecycledImage<gray8_pixel_t> fixed(hole.dimensions());
+            gil::fill_pixels(view(fixed), gray8_pixel_t(255));
+            auto const constraint_view = view(constraint);
+            GrayView const fixed_view = view(fixed);
+            recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
+                                 valid, &constraint_view, nullptr, nullptr, &fixed_view);
+        } else if (job.hole != nullptr) {
             auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
             GrayView const hole_view = view(hole);
             recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
-                                 valid, nullptr, nullptr, nullptr, nullptr);
+                                 nullptr, nullptr, nullptr, nullptr, nullptr);
         } else {
             recomposer.retarget(view(source), constraints, result,
                                 Point(job.size.width, job.size.height), retarget_step_ratio,
@@ -135,7 +155,10 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
     check_recomposer_options(options);
     check_comparator(options, false);
     if (is_all_zero(hole)) return Image::copy_of(image);
-    return dispatch(Job{image, &hole, {}, options, mode});
+    Image grown;
+    if (options.grow != 0) grown = grow_hole(hole, options.grow);
+    ConstImageView const hole_used = options.grow != 0 ? grown.view() : hole;
+    return dispatch(Job{image, &hole_used, {}, options, mode});
 }
 
 Image retarget(ConstImageView const& image, Size size, Options const& options) {

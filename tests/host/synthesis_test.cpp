@@ -3,6 +3,7 @@
 #include "host/kit_helpers.hpp"
 
 #include <weftmap/host/errors.hpp>
+#include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/runtime.hpp>
 #include <weftmap/host/synthesis.hpp>
 
@@ -102,9 +103,47 @@ TEST(KitSynthesis, SamplingAreaIsWhereTheFillTakesItsPatchesFrom) {
     unsigned char const* centre = result.view().pixel(48, 20);
     EXPECT_GT(centre[0], 150);
     EXPECT_LT(centre[2], 50);
+    // Pixels outside the sampling area are still fixed, not filled.
+    EXPECT_TRUE(known_pixels_kept(image.view(), hole.view(), result.view()));
     // Without it, the blue around the hole fills it.
     Image const plain = fill(image.view(), hole.view(), fixed_options());
     EXPECT_GT(plain.view().pixel(48, 20)[2], 150);
+}
+
+TEST(KitSynthesis, GrownHoleIsTheDiscAroundItAndFillsReplaceIt) {
+    Size const size{40, 30};
+    Image hole(mask_format, size);
+    *hole.view().pixel(10, 10) = 255;
+    *hole.view().pixel(30, 20) = 90;  // partial values are kept
+    Image const grown = grow_hole(hole.view(), 2);
+    int count = 0;
+    for (std::ptrdiff_t y = 0; y < size.height; ++y)
+        for (std::ptrdiff_t x = 0; x < size.width; ++x) count += *grown.view().pixel(x, y) != 0;
+    EXPECT_EQ(count, 2 * 13);  // dx*dx + dy*dy <= 4 holds for 13 offsets
+    EXPECT_EQ(*grown.view().pixel(12, 10), 255);
+    EXPECT_EQ(*grown.view().pixel(11, 11), 255);
+    EXPECT_EQ(*grown.view().pixel(12, 11), 0);
+    EXPECT_EQ(*grown.view().pixel(30, 20), 90);
+    EXPECT_TRUE(same_pixels(grow_hole(hole.view(), 0).view(), hole.view()));
+    EXPECT_THROW(grow_hole(hole.view(), -1), Error);
+    EXPECT_THROW(grow_hole(hole.view(), max_hole_growth + 1), Error);
+    Image const inverse = sampling_outside(hole.view());
+    EXPECT_EQ(*inverse.view().pixel(10, 10), 0);
+    EXPECT_EQ(*inverse.view().pixel(0, 0), 255);
+
+    // A fill with a grown hole rebuilds the ring around the hole (here a
+    // red halo, found nowhere else) and keeps everything beyond it.
+    Image image = texture(rgb8, {48, 40});
+    Image const disc = disc_mask({48, 40}, 24, 20, 5);
+    for (int dx = 5; dx <= 7; ++dx) {
+        unsigned char* halo = image.view().pixel(24 + dx, 20);
+        halo[0] = 255, halo[1] = 0, halo[2] = 0;
+    }
+    Options options = fixed_options();
+    options.grow = 3;
+    Image const result = fill(image.view(), disc.view(), options);
+    EXPECT_TRUE(known_pixels_kept(image.view(), grow_hole(disc.view(), 3).view(), result.view()));
+    for (int dx = 6; dx <= 7; ++dx) EXPECT_NE(result.view().pixel(24 + dx, 20)[1], 0);
 }
 
 TEST(KitSynthesis, RetargetGivesTheAskedSizeAndAnEmptyHoleACopy) {

@@ -211,6 +211,15 @@ EOF
     check "a red mask is the same hole as a white one" \
         "$probe" same out/vector-rgb8.png out/redmask.png
 
+    # A sampling area keeps every pixel outside the hole as it was, and a
+    # grown hole is filled whole.
+    expect "--exclude" 0 "" fill in/rgb8.png in/mask.png out/exclude.png --exclude \
+        in/mask-empty.png --quiet &&
+        check "--exclude keeps the pixels outside the hole" \
+            "$probe" check-fill in/rgb8.png in/mask.png out/exclude.png
+    expect "--sample --grow" 0 "" fill in/rgb8.png in/mask.png out/grow.png --sample \
+        in/mask-all.png --grow 3 --quiet
+
     # The side-by-side picture: input with the hole tinted, gap, result.
     expect "--compare" 0 "" fill in/gray16.png in/mask.png out/c.png --compare out/c-compare.png &&
         check_info "--compare" out/c-compare.png "PNG 132x48 8-bit RGB" &&
@@ -238,6 +247,10 @@ bad_input)
 2|retargeting votes both ways (use the translate comparator)|retarget in/rgb8.png out/x.png --width 40 --comparator gain-bias
 2|mode default votes both ways|fill in/rgb8.png in/mask.png out/x.png --mode default --comparator gain-bias
 2|is too far from the picture's 64x48|retarget in/rgb8.png out/x.png --scale 30
+3|the mask 'in/mask-small.png' is 60x40 but the image is 64x48|fill in/rgb8.png in/mask.png out/x.png --sample in/mask-small.png
+2|--sample and --exclude say the same thing two ways|fill in/rgb8.png in/mask.png out/x.png --sample in/mask.png --exclude in/mask.png
+2|--grow needs a whole number from 0 to 1000|fill in/rgb8.png in/mask.png out/x.png --grow -1
+2|takes no --sample, --exclude or --grow|fill in/rgb8.png in/mask.png out/x.png --tiled --grow 2
 1|retarget needs at least 7 pixels per side|retarget in/rgb8.png out/x.png --width 5
 6|cannot write 'out/no/x.png'|fill in/rgb8.png in/mask.png out/no/x.png
 6|cannot write 'out/no/c.png'|fill in/rgb8.png in/mask.png out/x.png --compare out/no/c.png

@@ -42,6 +42,9 @@ private:
     static_assert(std::atomic<bool>::is_always_lock_free);
 };
 
+// Growth of a fill's hole unless a host asks otherwise.
+inline constexpr int default_hole_growth = 0;
+
 struct Options {
     // Unset: hole-fill for fills, tapestry for retargeting.
     std::optional<Mode> mode;
@@ -56,6 +59,9 @@ struct Options {
     // Where patches may be taken from: a mask of the picture's size,
     // non-zero where sampling is allowed. Unset: everywhere outside the hole.
     std::optional<ConstImageView> sample;
+    // Fills grow the hole by this many pixels first (grow_hole), so that
+    // the edge and halo of an object painted tightly go with it.
+    int grow = default_hole_growth;
     // Horizontal bands of the correspondence search, process-wide; -1 gives
     // one per core. With one band a run is reproducible.
     int bands = -1;
