@@ -1,6 +1,7 @@
 #include "dispatch.hpp"
 #include "library_errors.hpp"
 #include "recomposer_settings.hpp"
+#include "retarget_policy.hpp"
 #include "run_client.hpp"
 #include "storage.hpp"
 
@@ -65,21 +66,25 @@ Image run(Job const& job) {
         // The library writes into its inputs: it blackens the hole of the
         // source and inverts the hole mask. It gets copies.
         auto source = detail::library_copy<Pixel>(job.image);
-        RecycledImage<gray8_pixel_t> sample;
-        if (job.options.sample) sample = detail::library_copy<gray8_pixel_t>(*job.options.sample);
-        GrayView const sample_view = view(sample);
-        GrayView const* valid = job.options.sample ? &sample_view : nullptr;
         std::vector<Constraint> constraints;
         RecycledImage<Pixel> result;
         if (job.hole != nullptr) {
+            RecycledImage<gray8_pixel_t> sample;
+            if (job.options.sample)
+                sample = detail::library_copy<gray8_pixel_t>(*job.options.sample);
+            GrayView const sample_view = view(sample);
+            GrayView const* valid = job.options.sample ? &sample_view : nullptr;
             auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
             GrayView const hole_view = view(hole);
             recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
                                  valid, nullptr, nullptr, nullptr, nullptr);
         } else {
+            auto allowed = detail::retarget_valid(job.options);
+            GrayView const allowed_view = view(allowed);
             recomposer.retarget(view(source), constraints, result,
                                 Point(job.size.width, job.size.height), retarget_step_ratio,
-                                nullptr, valid, nullptr, nullptr);
+                                nullptr, allowed.width() != 0 ? &allowed_view : nullptr, nullptr,
+                                nullptr);
         }
         return detail::adopt(std::move(result));
     });
@@ -141,6 +146,7 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
 Image retarget(ConstImageView const& image, Size size, Options const& options) {
     check_picture(image);
     if (options.sample) check_mask(*options.sample, image, "sampling mask");
+    detail::check_retarget_masks(options, image);
     Mode const mode = options.mode.value_or(Mode::tapestry);
     check_recomposer_options(options);
     check_comparator(options, true);

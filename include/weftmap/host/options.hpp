@@ -56,6 +56,10 @@ struct Options {
     // Where patches may be taken from: a mask of the picture's size,
     // non-zero where sampling is allowed. Unset: everywhere outside the hole.
     std::optional<ConstImageView> sample;
+    // Retargeting only: an 8-bit gray mask of the picture's size marking
+    // (non-zero) what should go first. No patch is taken from it, so it
+    // leaves the picture instead of being moved or pasted elsewhere.
+    std::optional<ConstImageView> remove;
     // Horizontal bands of the correspondence search, process-wide; -1 gives
     // one per core. With one band a run is reproducible.
     int bands = -1;
