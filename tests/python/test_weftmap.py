@@ -130,6 +130,23 @@ def test_retarget_sizes_and_types():
     assert result.shape == (50, 60) and result.dtype == np.uint16
 
 
+def test_retarget_remove_keeps_the_marked_region_out():
+    # Texture channels stay within 0.1 to 0.9: pure red can only come from
+    # the band on the left.
+    image = texture(40, 72)
+    image[:, :14] = (255, 0, 0)
+    band = np.zeros((40, 72), bool)
+    band[:, :14] = True
+    red = lambda picture: np.count_nonzero(
+        (picture[..., 0] > 200) & (picture[..., 1] < 8) & (picture[..., 2] < 8))
+    assert red(weftmap.retarget(image, width=52, **FIXED)) > 100
+    result = weftmap.retarget(image, width=52, remove=band, **FIXED)
+    assert result.shape == (40, 52, 3) and red(result) == 0
+    assert red(weftmap.retarget(image, width=52, remove=band.astype(np.uint8) * 9, **FIXED)) == 0
+    with pytest.raises(weftmap.InvalidInputError, match="remove mask"):
+        weftmap.retarget(image, width=52, remove=band[:, :60])
+
+
 def test_failures_raise_their_classes(tmp_path):
     image, hole = texture(32, 40), disc(32, 40, 6)
     cases = [

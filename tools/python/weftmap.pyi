@@ -48,6 +48,7 @@ def retarget(
     scalar: bool = False,
     memory_limit: Optional[int] = None,
     sample: Optional[_Mask] = None,
+    remove: Optional[_Mask] = None,
     progress: Optional[Callable[[float], object]] = None,
     cmyk: bool = False,
 ) -> _Picture:
