@@ -178,6 +178,9 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
             a.height = parse_whole(arg, value(), 1, 65535);
         } else if (arg == "--scale" && a.command == Command::retarget) {
             a.scale = parse_positive(arg, value());
+        } else if (arg == "--remove" && a.command == Command::retarget) {
+            a.remove_path = value();
+            if (a.remove_path.empty()) bad("--remove needs a mask file");
         } else if (a.command == Command::tapestry &&
                    parse_tapestry_option(a.tapestry, arg, value, no_value)) {
         } else {
@@ -229,7 +232,8 @@ namespace {
 char const* usage_template() {
     return "usage:\n"
            "  weftmap fill IMAGE MASK OUTPUT [options] [--compare FILE]\n"
-           "  weftmap retarget IMAGE OUTPUT (--width W | --height H | --scale S) [options]\n"
+           "  weftmap retarget IMAGE OUTPUT (--width W | --height H | --scale S)\n"
+           "                   [--remove MASK] [options]\n"
            "  weftmap tapestry INPUT OUTDIR [--height H] [--tile-width W] [--index-map]\n"
            "                   [--frames A:B:STEP] [--levels N] [--inbetweens N] [options]\n"
            "  weftmap --version\n"
@@ -256,6 +260,9 @@ char const* usage_template() {
            "          --scale S multiplies both. New sides are 7 to 65535 pixels, and a\n"
            "          picture grows at most about 7 times a side (more when it is small);\n"
            "          both are checked before any work\n"
+           "          --remove MASK   takes nothing from what MASK marks (non-zero), so it\n"
+           "                          is the first to go instead of being pasted elsewhere\n"
+           "                          (a flag or a pole beside a person, say)\n"
            "tapestry  lays the frames of INPUT (a folder of numbered PNG, JPEG or TIFF\n"
            "          frames, or a video decoded with ffmpeg) out as one long seamless\n"
            "          picture, built tile by tile into OUTDIR: tiles/ (kept, so that a\n"

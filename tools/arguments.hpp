@@ -47,6 +47,8 @@ struct Arguments {
     long long width = 0;
     long long height = 0;
     double scale = 0.0;
+    // retarget: a mask of what to drop first.
+    std::string remove_path;
 
     // tapestry: sizes, levels and the frames to take.
     TapestryArguments tapestry;

@@ -342,11 +342,20 @@ int run_retarget(Arguments const& args) {
 
     host::ImageFile const input = read_image(image_path);
     host::FileFormat const format = output_format(output_path, input.format);
+    std::optional<host::Image> remove;
+    if (!args.remove_path.empty()) {
+        host::Warnings warnings;
+        remove = host::read_mask_file(args.remove_path, &warnings);
+        show(warnings);
+        check_cancel();
+    }
     host::OutputFile output(output_path);
     host::Image result;
     {
         ProgressDisplay progress("retargeting", !args.quiet);
-        result = host::retarget(input.image.view(), target, kit_options(args, progress));
+        host::Options options = kit_options(args, progress);
+        if (remove) options.remove = remove->view();
+        result = host::retarget(input.image.view(), target, options);
         progress.update(1.0f);
     }
     check_cancel();

@@ -1,6 +1,7 @@
 #include "dispatch.hpp"
 #include "library_errors.hpp"
 #include "recomposer_settings.hpp"
+#include "retarget_policy.hpp"
 #include "run_client.hpp"
 #include "storage.hpp"
 
@@ -67,16 +68,14 @@ Image run(Job const& job) {
         // The library writes into its inputs: it blackens the hole of the
         // source and inverts the hole mask. It gets copies.
         auto source = detail::library_copy<Pixel>(job.image);
-        RecycledImage<gray8_pixel_t> sample;
-        if (job.options.sample) sample = detail::library_copy<gray8_pixel_t>(*job.options.sample);
-        GrayView const sample_view = view(sample);
-        GrayView const* valid = job.options.sample ? &sample_view : nullptr;
         std::vector<Constraint> constraints;
         RecycledImage<Pixel> result;
-        if (job.hole != nullptr && valid != nullptr) {
+        if (job.hole != nullptr && job.options.sample) {
             // Alone, a sampling mask would also say which pixels are fixed:
             // the picture itself is the constraint, every pixel outside the
             // hole fixed, and the hole never a place to sample from.
+            auto sample = detail::library_copy<gray8_pixel_t>(*job.options.sample);
+            GrayView const sample_view = view(sample);
             auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
             GrayView const hole_view = view(hole);
             for (std::ptrdiff_t y = 0; y < sample_view.height(); ++y)
@@ -90,16 +89,19 @@ Image run(Job const& job) {
             auto const constraint_view = view(constraint);
             GrayView const fixed_view = view(fixed);
             recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
-                                 valid, &constraint_view, nullptr, nullptr, &fixed_view);
+                                 &sample_view, &constraint_view, nullptr, nullptr, &fixed_view);
         } else if (job.hole != nullptr) {
             auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
             GrayView const hole_view = view(hole);
             recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
                                  nullptr, nullptr, nullptr, nullptr, nullptr);
         } else {
+            auto allowed = detail::retarget_valid(job.options);
+            GrayView const allowed_view = view(allowed);
             recomposer.retarget(view(source), constraints, result,
                                 Point(job.size.width, job.size.height), retarget_step_ratio,
-                                nullptr, valid, nullptr, nullptr);
+                                nullptr, allowed.width() != 0 ? &allowed_view : nullptr, nullptr,
+                                nullptr);
         }
         return detail::adopt(std::move(result));
     });
@@ -164,6 +166,7 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
 Image retarget(ConstImageView const& image, Size size, Options const& options) {
     check_picture(image);
     if (options.sample) check_mask(*options.sample, image, "sampling mask");
+    detail::check_retarget_masks(options, image);
     Mode const mode = options.mode.value_or(Mode::tapestry);
     check_recomposer_options(options);
     check_comparator(options, true);

@@ -48,6 +48,20 @@ def test_fill_keeps_dtype_shape_known_pixels_and_inputs(dtype, shape):
     np.testing.assert_array_equal(hole, hole_before)
 
 
+def test_sample_keeps_every_known_pixel_and_grow_takes_the_halo():
+    image, hole = texture(32, 40, 3), disc(32, 40, 5)
+    sample = np.zeros((32, 40), bool)
+    sample[:, :14] = True
+    result = weftmap.fill(image, hole, sample=sample, **FIXED)
+    np.testing.assert_array_equal(result[~hole], image[~hole])
+    # A red halo just outside the hole, found nowhere else, goes with it.
+    halo = disc(32, 40, 7) & ~hole
+    image[halo] = (255, 0, 0)
+    grown = weftmap.fill(image, hole, grow=3, **FIXED)
+    assert (grown[halo] != (255, 0, 0)).any(axis=-1).all()
+    np.testing.assert_array_equal(grown[~disc(32, 40, 8.5)], image[~disc(32, 40, 8.5)])
+
+
 def test_strided_views_give_the_fill_of_their_packed_copies():
     big = texture(64, 96, 3)
     big_hole = np.zeros((64, 96), bool)
@@ -130,6 +144,23 @@ def test_retarget_sizes_and_types():
     assert result.shape == (50, 60) and result.dtype == np.uint16
 
 
+def test_retarget_remove_keeps_the_marked_region_out():
+    # Texture channels stay within 0.1 to 0.9: pure red can only come from
+    # the band on the left.
+    image = texture(40, 72)
+    image[:, :14] = (255, 0, 0)
+    band = np.zeros((40, 72), bool)
+    band[:, :14] = True
+    red = lambda picture: np.count_nonzero(
+        (picture[..., 0] > 200) & (picture[..., 1] < 8) & (picture[..., 2] < 8))
+    assert red(weftmap.retarget(image, width=52, **FIXED)) > 100
+    result = weftmap.retarget(image, width=52, remove=band, **FIXED)
+    assert result.shape == (40, 52, 3) and red(result) == 0
+    assert red(weftmap.retarget(image, width=52, remove=band.astype(np.uint8) * 9, **FIXED)) == 0
+    with pytest.raises(weftmap.InvalidInputError, match="remove mask"):
+        weftmap.retarget(image, width=52, remove=band[:, :60])
+
+
 def test_failures_raise_their_classes(tmp_path):
     image, hole = texture(32, 40), disc(32, 40, 6)
     cases = [
@@ -193,7 +224,7 @@ def test_pillow_pictures_fill_directly(tmp_path):
 def test_help_and_type_stub_cover_the_module():
     text = pydoc.plain(pydoc.render_doc(weftmap.fill))
     for word in ["image", "mask", "mode", "comparator", "options", "seed", "bands", "scalar",
-                 "memory_limit", "sample", "progress", "cmyk", "HoleTooLargeError"]:
+                 "memory_limit", "sample", "grow", "progress", "cmyk", "HoleTooLargeError"]:
         assert word in text
     stub = pathlib.Path(weftmap.__file__).with_name("weftmap.pyi")
     tree = ast.parse(stub.read_text())

@@ -152,6 +152,7 @@ options)
             fail "--version printed '$(cat log/stdout)'"; }
     expect "--help" 0 "" --help &&
         { grep -q "130  cancelled" log/stdout && grep -q "fill IMAGE MASK OUTPUT" log/stdout &&
+            grep -q -- "--remove MASK" log/stdout &&
             ok "--help shows the commands and exit statuses" || fail "--help text"; }
 
     # Progress: plain lines when standard error is no terminal; --quiet
@@ -197,6 +198,11 @@ rgb8.png --memory-limit 64M
 EOF
     expect "retarget --mode hole-fill" 0 "" retarget in/rgb8.png out/r.png --width 50 \
         --mode hole-fill --quiet
+    # --remove takes a mask of the picture's size (what it keeps out is
+    # checked by the kit's tests).
+    expect "retarget --remove" 0 "" retarget in/rgb8.png out/rm.png --width 50 \
+        --remove in/mask-soft.png --quiet &&
+        check_info "retarget --remove" out/rm.png "PNG 50x48 8-bit RGB"
 
     # The option map reaches the recomposer (its parameter block is printed
     # on the diagnostic channel), with or without the dash, values or not.
@@ -259,6 +265,9 @@ bad_input)
 2|--mode must be hole-fill, default or tapestry|fill in/rgb8.png in/mask.png out/x.png --mode wild
 2|--threads needs a whole number|fill in/rgb8.png in/mask.png out/x.png --threads 0
 2|retarget needs --width W, --height H or --scale S|retarget in/rgb8.png out/x.png
+3|the remove mask is 60x40 but the picture is 64x48|retarget in/rgb8.png out/x.png --width 50 --remove in/mask-small.png
+3|cannot open 'in/nope.png'|retarget in/rgb8.png out/x.png --width 50 --remove in/nope.png
+2|unknown option '--remove' for 'fill'|fill in/rgb8.png in/mask.png out/x.png --remove in/mask.png
 2|unknown command 'frobnicate'|frobnicate
 EOF
     mkdir -p out/dir

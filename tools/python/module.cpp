@@ -34,13 +34,14 @@ void warn(host::Warnings const& warnings) {
 }
 
 py::array fill(py::array const& image, py::array const& mask, RunKeywords const& keywords,
-               std::optional<py::array> const& sample, bool cmyk) {
+               std::optional<py::array> const& sample, int grow, bool cmyk) {
     Picture const picture = picture_of(image, cmyk);
     Mask const hole = mask_of(mask, "hole mask");
     std::optional<Mask> sampling;
     if (sample) sampling = mask_of(*sample, "sampling mask");
     host::Options options = kit_options(keywords);
     if (sampling) options.sample = sampling->view;
+    options.grow = grow;
     host::Image result = without_gil([&] { return host::fill(picture.view, hole.view, options); });
     return array_like(std::move(result), picture);
 }
@@ -61,13 +62,16 @@ host::Size new_size(host::Size size, std::optional<long long> width,
 
 py::array retarget(py::array const& image, std::optional<long long> width,
                    std::optional<long long> height, std::optional<double> scale,
-                   RunKeywords const& keywords, std::optional<py::array> const& sample, bool cmyk) {
+                   RunKeywords const& keywords, std::optional<py::array> const& sample,
+                   std::optional<py::array> const& remove, bool cmyk) {
     Picture const picture = picture_of(image, cmyk);
     host::Size const size = new_size(picture.view.size(), width, height, scale);
-    std::optional<Mask> sampling;
+    std::optional<Mask> sampling, removed;
     if (sample) sampling = mask_of(*sample, "sampling mask");
+    if (remove) removed = mask_of(*remove, "remove mask");
     host::Options options = kit_options(keywords);
     if (sampling) options.sample = sampling->view;
+    if (removed) options.remove = removed->view;
     host::Image result = without_gil([&] { return host::retarget(picture.view, size, options); });
     return array_like(std::move(result), picture);
 }
@@ -167,6 +171,8 @@ image: the picture, a numpy array of uint8, uint16 or float32 (float16 and
     written.
 mask: the hole, an HxW array of bool (True = hole) or uint8 (non-zero =
     hole, 255 = a full hole).
+grow: pixels the hole grows by first (0 to 1000), for masks painted
+    tightly that leave an object's edge, halo or shadow behind.
 )" + std::string(keywords_doc) +
                              R"(
 Returns a new array of the picture's dtype and shape, equal to it outside
@@ -180,6 +186,10 @@ image: the picture, as for fill().
 width, height: the new size in pixels; either left out keeps the
     picture's.
 scale: instead of width and height, a factor for both sides.
+remove: what should go first, an HxW mask of bool or uint8, True or
+    non-zero where the picture may be dropped: no patch is taken from it,
+    so it leaves the picture instead of being pasted elsewhere (a flag
+    beside a person, say). None prefers nothing.
 )" + std::string(keywords_doc) +
     R"(
 Returns a new array of the picture's dtype and shape kind.
@@ -199,7 +209,7 @@ PYBIND11_MODULE(weftmap, m) {
         [](py::array const& image, py::array const& mask, std::string mode, std::string comparator,
            std::optional<py::dict> options, std::optional<long long> seed, std::optional<int> bands,
            bool scalar, std::optional<long long> memory_limit,
-           std::optional<py::array> const& sample, std::optional<py::function> progress,
+           std::optional<py::array> const& sample, int grow, std::optional<py::function> progress,
            bool cmyk) {
             RunKeywords const keywords{std::move(mode),
                                        std::move(comparator),
@@ -209,13 +219,13 @@ PYBIND11_MODULE(weftmap, m) {
                                        bands,
                                        scalar,
                                        std::move(progress)};
-            return fill(image, mask, keywords, sample, cmyk);
+            return fill(image, mask, keywords, sample, grow, cmyk);
         },
         fill_doc.c_str(), py::arg("image"), py::arg("mask"), py::kw_only(),
         py::arg("mode") = "hole-fill", py::arg("comparator") = "translate",
         py::arg("options") = py::none(), py::arg("seed") = py::none(),
         py::arg("bands") = py::none(), py::arg("scalar") = false,
-        py::arg("memory_limit") = py::none(), py::arg("sample") = py::none(),
+        py::arg("memory_limit") = py::none(), py::arg("sample") = py::none(), py::arg("grow") = 0,
         py::arg("progress") = py::none(), py::arg("cmyk") = false);
 
     m.def(
@@ -224,8 +234,8 @@ PYBIND11_MODULE(weftmap, m) {
            std::optional<double> scale, std::string mode, std::string comparator,
            std::optional<py::dict> options, std::optional<long long> seed, std::optional<int> bands,
            bool scalar, std::optional<long long> memory_limit,
-           std::optional<py::array> const& sample, std::optional<py::function> progress,
-           bool cmyk) {
+           std::optional<py::array> const& sample, std::optional<py::array> const& remove,
+           std::optional<py::function> progress, bool cmyk) {
             RunKeywords const keywords{std::move(mode),
                                        std::move(comparator),
                                        std::move(options),
@@ -234,7 +244,7 @@ PYBIND11_MODULE(weftmap, m) {
                                        bands,
                                        scalar,
                                        std::move(progress)};
-            return retarget(image, width, height, scale, keywords, sample, cmyk);
+            return retarget(image, width, height, scale, keywords, sample, remove, cmyk);
         },
         retarget_doc.c_str(), py::arg("image"), py::arg("width") = py::none(),
         py::arg("height") = py::none(), py::arg("scale") = py::none(), py::kw_only(),
@@ -242,7 +252,7 @@ PYBIND11_MODULE(weftmap, m) {
         py::arg("options") = py::none(), py::arg("seed") = py::none(),
         py::arg("bands") = py::none(), py::arg("scalar") = false,
         py::arg("memory_limit") = py::none(), py::arg("sample") = py::none(),
-        py::arg("progress") = py::none(), py::arg("cmyk") = false);
+        py::arg("remove") = py::none(), py::arg("progress") = py::none(), py::arg("cmyk") = false);
 
     py::class_<ImageFile>(m, "ImageFile", "A picture read from a file.")
         .def_readonly("pixels", &ImageFile::pixels,

@@ -29,6 +29,7 @@ def fill(
     scalar: bool = False,
     memory_limit: Optional[int] = None,
     sample: Optional[_Mask] = None,
+    grow: int = 0,
     progress: Optional[Callable[[float], object]] = None,
     cmyk: bool = False,
 ) -> _Picture:
@@ -48,6 +49,7 @@ def retarget(
     scalar: bool = False,
     memory_limit: Optional[int] = None,
     sample: Optional[_Mask] = None,
+    remove: Optional[_Mask] = None,
     progress: Optional[Callable[[float], object]] = None,
     cmyk: bool = False,
 ) -> _Picture:

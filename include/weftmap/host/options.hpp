@@ -62,6 +62,10 @@ struct Options {
     // Fills grow the hole by this many pixels first (grow_hole), so that
     // the edge and halo of an object painted tightly go with it.
     int grow = default_hole_growth;
+    // Retargeting only: an 8-bit gray mask of the picture's size marking
+    // (non-zero) what should go first. No patch is taken from it, so it
+    // leaves the picture instead of being moved or pasted elsewhere.
+    std::optional<ConstImageView> remove;
     // Horizontal bands of the correspondence search, process-wide; -1 gives
     // one per core. With one band a run is reproducible.
     int bands = -1;
