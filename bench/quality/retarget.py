@@ -26,7 +26,7 @@ from PIL import Image, ImageDraw
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
-SHARED = "/work/shared"
+SHARED = os.path.join(os.path.dirname(REPO), "shared")  # beside the checkout
 
 
 def default_photos():
