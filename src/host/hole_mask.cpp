@@ -2,6 +2,7 @@
 #include <weftmap/host/hole_mask.hpp>
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -28,18 +29,20 @@ Image grow_hole(ConstImageView const& hole, int pixels) {
     std::ptrdiff_t const w = hole.width, h = hole.height;
     // Distance along the row to the nearest hole pixel, capped beyond reach;
     // a disc is then the rows within reach whose offsets add up inside it.
-    long long const far = pixels + 1;
-    std::vector<long long> across(static_cast<std::size_t>(w * h));
+    // Two bytes a pixel: distances are capped at max_hole_growth + 1.
+    static_assert(max_hole_growth < 65535);
+    auto const far = static_cast<std::uint16_t>(pixels + 1);
+    std::vector<std::uint16_t> across(static_cast<std::size_t>(w * h));
     for (std::ptrdiff_t y = 0; y < h; ++y) {
-        long long* d = &across[static_cast<std::size_t>(y * w)];
-        long long last = far;
+        std::uint16_t* d = &across[static_cast<std::size_t>(y * w)];
+        std::uint16_t last = far;
         for (std::ptrdiff_t x = 0; x < w; ++x) {
-            last = hole.pixel(x, y)[0] != 0 ? 0 : std::min(last + 1, far);
+            last = hole.pixel(x, y)[0] != 0 ? 0 : std::min<std::uint16_t>(last + 1, far);
             d[x] = last;
         }
         last = far;
         for (std::ptrdiff_t x = w - 1; x >= 0; --x) {
-            last = d[x] == 0 ? 0 : std::min(last + 1, far);
+            last = d[x] == 0 ? 0 : std::min<std::uint16_t>(last + 1, far);
             d[x] = std::min(d[x], last);
         }
     }
