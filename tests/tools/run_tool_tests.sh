@@ -641,13 +641,13 @@ tapestry_video)
     mkdir -p in/pan
     "$probe" pan "$photo" in/pan 40 64 48 4 || exit 1
     # A lossless video of the same frames gives the same tapestry.
-    ffmpeg -nostdin -loglevel error -framerate 10 -i in/pan/frame_%04d.png -c:v png \
-        -pix_fmt rgb24 in/pan.mkv || exit 1
-    expect "tapestry of a video" 0 "40 frames of 64x48" tapestry in/pan.mkv out/video --threads 1
+    ffmpeg -nostdin -loglevel error -framerate 10 -i in/pan/frame_%04d.png -f apng \
+        -pix_fmt rgb24 in/pan.apng || exit 1
+    expect "tapestry of a video" 0 "40 frames of 64x48" tapestry in/pan.apng out/video --threads 1
     expect "tapestry of its frames" 0 "" tapestry in/pan out/frames --threads 1 --quiet
     check "video and frames give one picture" \
         "$probe" same out/video/tapestry.png out/frames/tapestry.png
-    expect "a selection of the video" 0 "" tapestry in/pan.mkv out/video-picked --frames 3:30:3 \
+    expect "a selection of the video" 0 "" tapestry in/pan.apng out/video-picked --frames 3:30:3 \
         --threads 1 --quiet
     expect "the same selection of its frames" 0 "" tapestry in/pan out/frames-picked \
         --frames 3:30:3 --threads 1 --quiet
