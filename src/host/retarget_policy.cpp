@@ -1,24 +1,8 @@
 #include "retarget_policy.hpp"
 
-#include <weftmap/host/errors.hpp>
-
 #include <boost/gil/algorithm.hpp>
 
-#include <string>
-
 namespace WM::host::detail {
-
-void check_retarget_masks(Options const& options, ConstImageView const& image) {
-    if (!options.remove) return;
-    ConstImageView const& mask = *options.remove;
-    if (mask.format != mask_format)
-        throw Error(ErrorCode::invalid_input,
-                    "the remove mask must be an 8-bit gray mask, not " + format_name(mask.format));
-    if (mask.size() != image.size())
-        throw Error(ErrorCode::invalid_input, "the remove mask is " + size_text(mask.size()) +
-                                                  " but the picture is " + size_text(image.size()) +
-                                                  "; they must be the same size");
-}
 
 // The recomposer reads its sampling mask as "255: may be sampled, anything
 // less: may not", so partial values of the caller's masks are made whole.

@@ -9,10 +9,6 @@
 
 namespace WM::host::detail {
 
-// Refuses a remove mask that is not an 8-bit gray mask of the picture's
-// size. Throws Error (invalid_input).
-void check_retarget_masks(Options const& options, ConstImageView const& image);
-
 // 255 where patches may be taken from, 0 where the sampling mask forbids
 // it or the remove mask marks the picture; empty when neither is given.
 RecycledImage<gray8_pixel_t> retarget_valid(Options const& options);

@@ -70,14 +70,23 @@ Image run(Job const& job) {
         auto source = detail::library_copy<Pixel>(job.image);
         std::vector<Constraint> constraints;
         RecycledImage<Pixel> result;
-        if (job.hole != nullptr && job.options.sample) {
+        if (job.hole == nullptr) {
+            auto allowed = detail::retarget_valid(job.options);
+            GrayView const allowed_view = view(allowed);
+            recomposer.retarget(view(source), constraints, result,
+                                Point(job.size.width, job.size.height), retarget_step_ratio,
+                                nullptr, allowed.width() != 0 ? &allowed_view : nullptr, nullptr,
+                                nullptr);
+            return detail::adopt(std::move(result));
+        }
+        auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
+        GrayView const hole_view = view(hole);
+        if (job.options.sample) {
             // Alone, a sampling mask would also say which pixels are fixed:
             // the picture itself is the constraint, every pixel outside the
             // hole fixed, and the hole never a place to sample from.
             auto sample = detail::library_copy<gray8_pixel_t>(*job.options.sample);
             GrayView const sample_view = view(sample);
-            auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
-            GrayView const hole_view = view(hole);
             for (std::ptrdiff_t y = 0; y < sample_view.height(); ++y)
                 for (std::ptrdiff_t x = 0; x < sample_view.width(); ++x) {
                     auto& allowed = sample_view(x, y)[0];
@@ -90,18 +99,9 @@ Image run(Job const& job) {
             GrayView const fixed_view = view(fixed);
             recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
                                  &sample_view, &constraint_view, nullptr, nullptr, &fixed_view);
-        } else if (job.hole != nullptr) {
-            auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
-            GrayView const hole_view = view(hole);
+        } else {
             recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
                                  nullptr, nullptr, nullptr, nullptr, nullptr);
-        } else {
-            auto allowed = detail::retarget_valid(job.options);
-            GrayView const allowed_view = view(allowed);
-            recomposer.retarget(view(source), constraints, result,
-                                Point(job.size.width, job.size.height), retarget_step_ratio,
-                                nullptr, allowed.width() != 0 ? &allowed_view : nullptr, nullptr,
-                                nullptr);
         }
         return detail::adopt(std::move(result));
     });
@@ -166,7 +166,7 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
 Image retarget(ConstImageView const& image, Size size, Options const& options) {
     check_picture(image);
     if (options.sample) check_mask(*options.sample, image, "sampling mask");
-    detail::check_retarget_masks(options, image);
+    if (options.remove) check_mask(*options.remove, image, "remove mask");
     Mode const mode = options.mode.value_or(Mode::tapestry);
     check_recomposer_options(options);
     check_comparator(options, true);
