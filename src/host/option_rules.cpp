@@ -7,6 +7,8 @@
 #include <weftmap/host/errors.hpp>
 #include <weftmap/host/options.hpp>
 
+#include "recomposer_settings.hpp"
+
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -175,15 +177,6 @@ bool allowed(Rule const& rule, double v) {
     return true;
 }
 
-// Whether a run in `mode` votes with both fields: the preset, unless the
-// option -bidir says otherwise.
-bool effective_bidir(Options const& options, Mode mode) {
-    bool bidir = mode != Mode::hole_fill;
-    auto const given = options.recomposer_options.find("-bidir");
-    if (given != options.recomposer_options.end()) bidir = given->second == "1";
-    return bidir;
-}
-
 void tell(Options const& options, std::string const& text) {
     if (options.warning) options.warning(text);
 }
@@ -223,7 +216,7 @@ void check_comparator(Options const& options, bool retargeting) {
         throw Error(ErrorCode::invalid_input,
                     "the gain-bias comparator works only for fills that vote one way; "
                     "retargeting votes both ways (use the translate comparator)");
-    if (effective_bidir(options, mode))
+    if (detail::votes_both_ways(options, mode))
         throw Error(ErrorCode::invalid_input,
                     std::string("the gain-bias comparator works only for fills that vote one "
                                 "way; mode ") +

@@ -22,6 +22,14 @@ inline RecomposerMode preset_of(Mode mode) {
     return RecomposerModeDefault;
 }
 
+// Whether a run in `mode` votes with both fields: the preset, unless the
+// option -bidir says otherwise.
+inline bool votes_both_ways(Options const& options, Mode mode) {
+    auto const given = options.recomposer_options.find("-bidir");
+    if (given != options.recomposer_options.end()) return given->second == "1";
+    return mode != Mode::hole_fill;
+}
+
 // options.recomposer_options, with the seed as "-rand" when one is set.
 inline std::map<std::string, std::string> option_map(Options const& options) {
     auto map = options.recomposer_options;

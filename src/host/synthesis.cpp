@@ -46,6 +46,9 @@ void check_mask(ConstImageView const& mask, ConstImageView const& image, char co
 // at most this many steps of retarget_step_ratio, and fails after them.
 constexpr int retarget_walk_steps = 100;
 
+// Two patch widths.
+constexpr std::ptrdiff_t max_one_way_growth = 14;
+
 struct Job {
     ConstImageView image;
     ConstImageView const* hole;  // fill
@@ -124,8 +127,22 @@ void check_retarget_size(Size picture, Size size, Options const& options) {
         throw Error(ErrorCode::invalid_input,
                     "the new size " + size_text(size) + " is outside 1 to 65535 pixels a side");
     if (picture.width < 1 || picture.height < 1) return;
+    // The recomposer sizes its voting buffers by the picture: the strip of a
+    // one-way vote, and the coherent weights of the hole-fill preset, hold
+    // a picture grown by two patches and no more.
+    Mode const mode = options.mode.value_or(Mode::tapestry);
+    if ((!detail::votes_both_ways(options, mode) || mode == Mode::hole_fill) &&
+        (size.width > picture.width + max_one_way_growth ||
+         size.height > picture.height + max_one_way_growth))
+        throw Error(ErrorCode::invalid_input,
+                    "the new size " + size_text(size) + " grows the picture's " +
+                        size_text(picture) + " by more than " +
+                        std::to_string(max_one_way_growth) + " pixels a side, which mode " +
+                        mode_name(mode) +
+                        (mode == Mode::hole_fill ? "" : " with -bidir=0") +
+                        " cannot (use mode default or tapestry)");
     // The coarsest level's short side, as the recomposer will have it.
-    RecomposerParameters const preset(detail::preset_of(options.mode.value_or(Mode::tapestry)));
+    RecomposerParameters const preset(detail::preset_of(mode));
     int coarse_size = preset.coarse_size;
     auto const given = options.recomposer_options.find("-coarse_size");
     if (given != options.recomposer_options.end()) coarse_size = std::stoi(given->second);

@@ -343,6 +343,21 @@ TEST(KitSynthesis, OptionsAreCheckedBeforeAnyWorkAndNameWhatIsWrong) {
                   check_retarget_size(picture, {70000, 480});
               }).find("outside 1 to 65535"),
               std::string::npos);
+    // A one-way vote, or the hole-fill preset, grows a side by two patches
+    // at most: the first pixel beyond is refused by name, not by the
+    // library's locked buffers.
+    Options one_way;
+    one_way.mode = Mode::hole_fill;
+    EXPECT_EQ(message_of([&] { check_retarget_size(picture, {654, 494}, one_way); }), "");
+    EXPECT_NE(message_of([&] {
+                  check_retarget_size(picture, {640, 495}, one_way);
+              }).find("by more than 14 pixels a side, which mode hole-fill cannot"),
+              std::string::npos);
+    one_way.mode = Mode::general;
+    one_way.recomposer_options["-bidir"] = "0";
+    EXPECT_NE(message_of([&] { check_retarget_size(picture, {655, 480}, one_way); })
+                  .find("with -bidir=0"),
+              std::string::npos);
     // And the entry points ask before they work.
     Image const image = texture(rgb8, {48, 36});
     EXPECT_EQ(code_of([&] {
@@ -353,6 +368,10 @@ TEST(KitSynthesis, OptionsAreCheckedBeforeAnyWorkAndNameWhatIsWrong) {
                   retarget(image.view(), {40, 36}, gain_bias);
               }),
               ErrorCode::invalid_input);
+    // The largest growth allowed one way does run.
+    Options hole_fill = fixed_options();
+    hole_fill.mode = Mode::hole_fill;
+    EXPECT_EQ(retarget(image.view(), {48 + 14, 36 + 14}, hole_fill).size(), (Size{62, 50}));
 }
 
 TEST(KitSynthesis, CancelFromAnotherThreadAndCallbackFailuresStopTheRun) {

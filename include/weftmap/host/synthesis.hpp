@@ -22,7 +22,8 @@ WEFTMAP_HOST_API Image fill(ConstImageView const& image, ConstImageView const& h
 // Refuses a new size that retargeting cannot reach from a picture of
 // `picture` with `options`: sides outside 1 to 65535, or growth beyond what
 // the coarsest level's walk covers (about 7 times a side, more for small
-// pictures; any shrinking works). The sizes alone decide, so a host may ask
+// pictures; any shrinking works), or beyond 14 pixels a side for a run that
+// votes one way or uses the hole-fill preset. The sizes alone decide, so a host may ask
 // before it reads the picture. retarget() asks first. Throws Error
 // (invalid_input).
 WEFTMAP_HOST_API void check_retarget_size(Size picture, Size size, Options const& options = {});
