@@ -136,9 +136,8 @@ void check_retarget_size(Size picture, Size size, Options const& options) {
          size.height > picture.height + max_one_way_growth))
         throw Error(ErrorCode::invalid_input,
                     "the new size " + size_text(size) + " grows the picture's " +
-                        size_text(picture) + " by more than " +
-                        std::to_string(max_one_way_growth) + " pixels a side, which mode " +
-                        mode_name(mode) +
+                        size_text(picture) + " by more than " + std::to_string(max_one_way_growth) +
+                        " pixels a side, which mode " + mode_name(mode) +
                         (mode == Mode::hole_fill ? "" : " with -bidir=0") +
                         " cannot (use mode default or tapestry)");
     // The coarsest level's short side, as the recomposer will have it.

@@ -355,8 +355,9 @@ TEST(KitSynthesis, OptionsAreCheckedBeforeAnyWorkAndNameWhatIsWrong) {
               std::string::npos);
     one_way.mode = Mode::general;
     one_way.recomposer_options["-bidir"] = "0";
-    EXPECT_NE(message_of([&] { check_retarget_size(picture, {655, 480}, one_way); })
-                  .find("with -bidir=0"),
+    EXPECT_NE(message_of([&] {
+                  check_retarget_size(picture, {655, 480}, one_way);
+              }).find("with -bidir=0"),
               std::string::npos);
     // And the entry points ask before they work.
     Image const image = texture(rgb8, {48, 36});
