@@ -253,6 +253,7 @@ bad_input)
 2|retargeting votes both ways (use the translate comparator)|retarget in/rgb8.png out/x.png --width 40 --comparator gain-bias
 2|mode default votes both ways|fill in/rgb8.png in/mask.png out/x.png --mode default --comparator gain-bias
 2|is too far from the picture's 64x48|retarget in/rgb8.png out/x.png --scale 30
+2|grows the picture's 64x48 by more than 14 pixels a side, which mode hole-fill cannot|retarget in/rgb8.png out/x.png --width 79 --mode hole-fill
 3|the mask 'in/mask-small.png' is 60x40 but the image is 64x48|fill in/rgb8.png in/mask.png out/x.png --sample in/mask-small.png
 2|--sample and --exclude say the same thing two ways|fill in/rgb8.png in/mask.png out/x.png --sample in/mask.png --exclude in/mask.png
 2|--grow needs a whole number from 0 to 1000|fill in/rgb8.png in/mask.png out/x.png --grow -1
