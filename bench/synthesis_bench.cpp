@@ -6,6 +6,7 @@
 
 #include <weftmap/host/image.hpp>
 #include <weftmap/host/image_file.hpp>
+#include <weftmap/host/synthesis.hpp>
 
 #include <benchmark/benchmark.h>
 
@@ -126,6 +127,23 @@ void BM_Retarget70(benchmark::State& state) {
               });
 }
 BENCHMARK(BM_Retarget70)->Arg(1024)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The same retarget as a host asks the kit for it, with the kit's policies.
+void BM_KitRetarget70(benchmark::State& state) {
+    Point const size(state.range(0), state.range(0));
+    auto const picture = photograph(size);
+    host::ConstImageView const image(reinterpret_cast<unsigned char const*>(picture.memory()),
+                                     {host::Depth::u8, host::Colour::rgb}, size.x, size.y);
+    double cpu = 0.0;
+    for (auto _ : state) {
+        double const cpu0 = process_cpu_seconds();
+        auto const output = host::retarget(image, {size.x * 7 / 10, size.y});
+        benchmark::DoNotOptimize(output.view().data);
+        cpu += process_cpu_seconds() - cpu0;
+    }
+    state.counters["cpu_s"] = cpu / double(state.iterations());
+}
+BENCHMARK(BM_KitRetarget70)->Arg(1024)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace WM::bench

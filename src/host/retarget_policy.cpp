@@ -1,6 +1,13 @@
 #include "retarget_policy.hpp"
 
+#include "recomposer_settings.hpp"
+
+#include <weftmap/image/resample.hpp>
+#include <weftmap/recomposer/parameters.hpp>
+
 #include <boost/gil/algorithm.hpp>
+
+#include <algorithm>
 
 namespace WM::host::detail {
 
@@ -18,6 +25,48 @@ RecycledImage<gray8_pixel_t> retarget_valid(Options const& options) {
             v(x, y)[0] = allowed && !removed ? 255 : 0;
         }
     return valid;
+}
+
+// Two patch widths: below that the coarsest level offers no whole patch to
+// start the refinement from.
+constexpr long long smallest_walk_goal = 14;
+
+int retarget_coarse_size(Options const& options, Mode mode) {
+    auto const given = options.recomposer_options.find("-coarse_size");
+    if (given != options.recomposer_options.end()) return std::stoi(given->second);
+    return RecomposerParameters(preset_of(mode)).coarse_size;
+}
+
+CoarseWalk coarse_walk(Options const& options, Mode mode, Size picture, Size size) {
+    Point const full(picture.width, picture.height);
+    int const coarse_size = retarget_coarse_size(options, mode);
+    long long width = -1, height = -1;
+    double s0 = 0.0;
+    get_resample_size(full,
+                      static_cast<int>(std::min<long long>(coarse_size, std::min(full.x, full.y))),
+                      width, height, s0);
+    return {Point(width, height), level_size(Point(size.width, size.height), s0)};
+}
+
+bool refines_one_way(Options const& options, Mode mode, Size picture, Size size) {
+    if (options.recomposer_options.count("-bidir") != 0 || !votes_both_ways(options, mode))
+        return false;
+    if (size.width > picture.width || size.height > picture.height) return false;
+    // A picture no larger than the coarsest level has nothing to refine.
+    if (std::min(picture.width, picture.height) <= retarget_coarse_size(options, mode))
+        return false;
+    Point const goal = coarse_walk(options, mode, picture, size).goal;
+    return std::min(goal.x, goal.y) >= smallest_walk_goal;
+}
+
+std::map<std::string, std::string> refinement_option_map(Options const& options,
+                                                         long long coarse_side) {
+    auto map = option_map(options);
+    map["-bidir"] = "0";
+    map["-const_coarse_size"] = "";
+    map["-coarse_size"] = std::to_string(coarse_side);
+    map["-em_iters_gradres"] = "1";
+    return map;
 }
 
 }  // namespace WM::host::detail

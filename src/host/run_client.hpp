@@ -26,11 +26,18 @@ public:
     void updateProgress(float fraction) override {
         if (!options_.progress || failed_.load(std::memory_order_acquire)) return;
         try {
-            options_.progress(fraction);
+            options_.progress(span_begin_ + (span_end_ - span_begin_) * fraction);
         } catch (...) {
             failure_ = std::current_exception();
             failed_.store(true, std::memory_order_release);
         }
+    }
+
+    // A job of several library runs reports each run's progress as the part
+    // from `begin` to `end` of the job's.
+    void set_progress_span(float begin, float end) {
+        span_begin_ = begin;
+        span_end_ = end;
     }
 
     // On any thread.
@@ -55,6 +62,8 @@ private:
     Options const& options_;
     std::exception_ptr failure_;
     std::atomic<bool> failed_{false};
+    float span_begin_ = 0.0f;
+    float span_end_ = 1.0f;
 };
 
 }  // namespace WM::host::detail

@@ -8,9 +8,12 @@
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/synthesis.hpp>
+#include <weftmap/image/mipmap.hpp>
 #include <weftmap/image/resample.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
 
+#include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -58,55 +61,130 @@ struct Job {
 };
 
 template <class Compare>
+void configure(WeftmapRecomposer<Compare>& recomposer, std::map<std::string, std::string> options) {
+    recomposer.setParameters(options);
+    if (debug_output() != nullptr) recomposer.serialize();
+}
+
+template <class Pixel>
+using Client = detail::RunClient<Pixel>;
+
+// `source` is the library's copy of the picture, which it may write.
+template <class Compare, class Pixel = typename Compare::pixel_t>
+RecycledImage<Pixel> fill_hole(Job const& job, Client<Pixel>& client,
+                               RecycledImage<Pixel>& source) {
+    WeftmapRecomposer<Compare> recomposer(&client, detail::preset_of(job.mode));
+    configure(recomposer, detail::fill_option_map(job.options));
+    // The library inverts the hole mask: it gets a copy.
+    auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
+    GrayView const hole_view = view(hole);
+    std::vector<Constraint> constraints;
+    RecycledImage<Pixel> result;
+    if (!job.options.sample) {
+        recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
+                             nullptr, nullptr, nullptr, nullptr, nullptr);
+        return result;
+    }
+    // Alone, a sampling mask would also say which pixels are fixed: the
+    // picture itself is the constraint, every pixel outside the hole fixed,
+    // and the hole never a place to sample from.
+    auto sample = detail::library_copy<gray8_pixel_t>(*job.options.sample);
+    GrayView const sample_view = view(sample);
+    for (std::ptrdiff_t y = 0; y < sample_view.height(); ++y)
+        for (std::ptrdiff_t x = 0; x < sample_view.width(); ++x) {
+            auto& allowed = sample_view(x, y)[0];
+            allowed = allowed != 0 && hole_view(x, y)[0] == 0 ? 255 : 0;
+        }
+    auto constraint = detail::library_copy<Pixel>(job.image);
+    RecycledImage<gray8_pixel_t> fixed(hole.dimensions());
+    gil::fill_pixels(view(fixed), gray8_pixel_t(255));
+    auto const constraint_view = view(constraint);
+    GrayView const fixed_view = view(fixed);
+    recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
+                         &sample_view, &constraint_view, nullptr, nullptr, &fixed_view);
+    return result;
+}
+
+template <class Compare, class Pixel = typename Compare::pixel_t>
+RecycledImage<Pixel> retarget_in_one_run(Job const& job, Client<Pixel>& client,
+                                         RecycledImage<Pixel>& source) {
+    WeftmapRecomposer<Compare> recomposer(&client, detail::preset_of(job.mode));
+    configure(recomposer, detail::option_map(job.options));
+    auto allowed = detail::retarget_valid(job.options);
+    GrayView const allowed_view = view(allowed);
+    std::vector<Constraint> constraints;
+    RecycledImage<Pixel> result;
+    recomposer.retarget(view(source), constraints, result, Point(job.size.width, job.size.height),
+                        retarget_step_ratio, nullptr,
+                        allowed.width() != 0 ? &allowed_view : nullptr, nullptr, nullptr);
+    return result;
+}
+
+// Share of a two-run retarget's progress that the walk takes.
+constexpr float walk_share = 0.1f;
+
+// The walk to the new size at the coarsest scale, voting both ways, then
+// the finer levels from its result, voting one way (refines_one_way).
+template <class Compare, class Pixel = typename Compare::pixel_t>
+RecycledImage<Pixel> retarget_in_two_runs(Job const& job, Client<Pixel>& client,
+                                          RecycledImage<Pixel>& source) {
+    Point const goal(job.size.width, job.size.height);
+    auto const walk = detail::coarse_walk(job.options, job.mode, job.image.size(), job.size);
+
+    auto allowed = detail::retarget_valid(job.options);
+    GrayView const allowed_view = view(allowed);
+    std::vector<Constraint> constraints;
+    RecycledImage<Pixel> walked;
+    {
+        MipMap<Pixel> pyramid;
+        pyramid.build(const_view(source));
+        RecycledImage<Pixel> coarse;
+        pyramid.get(coarse, walk.picture.x, walk.picture.y);
+        RecycledImage<gray8_pixel_t> coarse_allowed;
+        if (allowed.width() != 0) {
+            MipMap<gray8_pixel_t> masks;
+            masks.build(const_view(allowed));
+            masks.get(coarse_allowed, walk.picture.x, walk.picture.y);
+        }
+        GrayView const coarse_allowed_view = view(coarse_allowed);
+        WeftmapRecomposer<Compare> walker(&client, detail::preset_of(job.mode));
+        configure(walker, detail::option_map(job.options));
+        client.set_progress_span(0.0f, walk_share);
+        walker.retarget(view(coarse), constraints, walked, walk.goal, retarget_step_ratio, nullptr,
+                        allowed.width() != 0 ? &coarse_allowed_view : nullptr, nullptr, nullptr);
+    }
+
+    // Every pixel of the new picture is to be made, from the walk's result.
+    RecycledImage<gray8_pixel_t> everywhere(goal);
+    gil::fill_pixels(view(everywhere), gray8_pixel_t(255));
+    RecycledImage<Pixel> blank(goal);
+    gil::fill_pixels(view(blank), Pixel());
+    GrayView const everywhere_view = view(everywhere);
+    auto const blank_view = view(blank);
+    auto const walked_view = view(walked);
+    WeftmapRecomposer<Compare> refiner(&client, detail::preset_of(job.mode));
+    configure(refiner,
+              detail::refinement_option_map(job.options, std::min(walk.goal.x, walk.goal.y)));
+    client.set_progress_span(walk_share, 1.0f);
+    RecycledImage<Pixel> result;
+    refiner.recompose(view(source), constraints, result, &everywhere_view, nullptr, &walked_view,
+                      allowed.width() != 0 ? &allowed_view : nullptr, &blank_view, nullptr, nullptr,
+                      nullptr);
+    return result;
+}
+
+template <class Compare>
 Image run(Job const& job) {
     using Pixel = typename Compare::pixel_t;
-    detail::RunClient<Pixel> client(job.options);
+    Client<Pixel> client(job.options);
     return client.run([&] {
-        WeftmapRecomposer<Compare> recomposer(&client, detail::preset_of(job.mode));
-        auto options = job.hole != nullptr ? detail::fill_option_map(job.options)
-                                           : detail::option_map(job.options);
-        recomposer.setParameters(options);
-        if (debug_output() != nullptr) recomposer.serialize();
-
-        // The library writes into its inputs: it blackens the hole of the
-        // source and inverts the hole mask. It gets copies.
+        // The library writes into its inputs (it blackens a fill's hole in
+        // the source): it gets a copy.
         auto source = detail::library_copy<Pixel>(job.image);
-        std::vector<Constraint> constraints;
-        RecycledImage<Pixel> result;
-        if (job.hole == nullptr) {
-            auto allowed = detail::retarget_valid(job.options);
-            GrayView const allowed_view = view(allowed);
-            recomposer.retarget(view(source), constraints, result,
-                                Point(job.size.width, job.size.height), retarget_step_ratio,
-                                nullptr, allowed.width() != 0 ? &allowed_view : nullptr, nullptr,
-                                nullptr);
-            return detail::adopt(std::move(result));
-        }
-        auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
-        GrayView const hole_view = view(hole);
-        if (job.options.sample) {
-            // Alone, a sampling mask would also say which pixels are fixed:
-            // the picture itself is the constraint, every pixel outside the
-            // hole fixed, and the hole never a place to sample from.
-            auto sample = detail::library_copy<gray8_pixel_t>(*job.options.sample);
-            GrayView const sample_view = view(sample);
-            for (std::ptrdiff_t y = 0; y < sample_view.height(); ++y)
-                for (std::ptrdiff_t x = 0; x < sample_view.width(); ++x) {
-                    auto& allowed = sample_view(x, y)[0];
-                    allowed = allowed != 0 && hole_view(x, y)[0] == 0 ? 255 : 0;
-                }
-            auto constraint = detail::library_copy<Pixel>(job.image);
-            RecycledImage<gray8_pixel_t> fixed(hole.dimensions());
-            gil::fill_pixels(view(fixed), gray8_pixel_t(255));
-            auto const constraint_view = view(constraint);
-            GrayView const fixed_view = view(fixed);
-            recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
-                                 &sample_view, &constraint_view, nullptr, nullptr, &fixed_view);
-        } else {
-            recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
-                                 nullptr, nullptr, nullptr, nullptr, nullptr);
-        }
-        return detail::adopt(std::move(result));
+        if (job.hole != nullptr) return detail::adopt(fill_hole<Compare>(job, client, source));
+        if (detail::refines_one_way(job.options, job.mode, job.image.size(), job.size))
+            return detail::adopt(retarget_in_two_runs<Compare>(job, client, source));
+        return detail::adopt(retarget_in_one_run<Compare>(job, client, source));
     });
 }
 
@@ -140,21 +218,11 @@ void check_retarget_size(Size picture, Size size, Options const& options) {
                         " pixels a side, which mode " + mode_name(mode) +
                         (mode == Mode::hole_fill ? "" : " with -bidir=0") +
                         " cannot (use mode default or tapestry)");
-    // The coarsest level's short side, as the recomposer will have it.
-    RecomposerParameters const preset(detail::preset_of(mode));
-    int coarse_size = preset.coarse_size;
-    auto const given = options.recomposer_options.find("-coarse_size");
-    if (given != options.recomposer_options.end()) coarse_size = std::stoi(given->second);
     // The walk of the library's retarget: from the picture at the coarsest
     // scale to the new size at that scale, a step at a time.
-    Point const source(picture.width, picture.height);
-    long long width = -1, height = -1;
-    double s0 = 0.0;
-    get_resample_size(
-        source, static_cast<int>(std::min<long long>(coarse_size, std::min(source.x, source.y))),
-        width, height, s0);
-    Point const goal = level_size(Point(size.width, size.height), s0);
-    Point c(width, height);
+    auto const walk = detail::coarse_walk(options, mode, picture, size);
+    Point const goal = walk.goal;
+    Point c = walk.picture;
     for (int step = 0; step < retarget_walk_steps && c != goal; ++step)
         c = next_gradual_size(c, goal, retarget_step_ratio);
     if (c != goal)

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -67,6 +68,10 @@ TYPED_TEST(KitFill, KeepsKnownPixelsAndNeverWritesItsInputs) {
                       20.0);
         }
     }
+    // A narrowing retarget runs in two library runs over the same pixels.
+    Image const narrow = retarget(image.view(), {30, 32}, fixed_options());
+    EXPECT_EQ(narrow.format(), format);
+    EXPECT_EQ(narrow.size(), (Size{30, 32}));
     EXPECT_TRUE(same_pixels(image.view(), image_before.view()));
     EXPECT_TRUE(same_pixels(hole.view(), hole_before.view()));
 }
@@ -153,6 +158,25 @@ TEST(KitSynthesis, RetargetGivesTheAskedSizeAndAnEmptyHoleACopy) {
     EXPECT_EQ(narrow.format(), rgb8);
     Image const none(mask_format, image.size());
     EXPECT_TRUE(same_pixels(fill(image.view(), none.view()).view(), image.view()));
+}
+
+TEST(KitSynthesis, NarrowingRetargetRepeatsWithOneBandAndReportsProgressOnce) {
+    // Narrowed, the picture is walked to its new size at the coarsest scale
+    // in one library run and refined in a second: progress rises through
+    // both as one job, and one band repeats the result.
+    Image const image = texture(rgb8, {96, 64});
+    std::vector<float> reports;
+    Options options = fixed_options();
+    options.progress = [&](float f) { reports.push_back(f); };
+    Image const first = retarget(image.view(), {68, 64}, options);
+    ASSERT_FALSE(reports.empty());
+    EXPECT_TRUE(std::is_sorted(reports.begin(), reports.end()));
+    EXPECT_LT(reports.front(), 0.1f);
+    EXPECT_EQ(reports.back(), 1.0f);
+    EXPECT_TRUE(same_pixels(retarget(image.view(), {68, 64}, options).view(), first.view()));
+    // A caller's own -bidir keeps the library's single run, which differs.
+    options.recomposer_options["-bidir"] = "1";
+    EXPECT_FALSE(same_pixels(retarget(image.view(), {68, 64}, options).view(), first.view()));
 }
 
 // Pixels of a pure red, which the texture (every channel 12 or more) never
