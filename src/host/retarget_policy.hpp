@@ -43,7 +43,7 @@ bool refines_one_way(Options const& options, Mode mode, Size picture, Size size)
 
 // The option map of the one-way refinement: it starts from the walk's
 // result at the walk's scale, whose short side is `coarse_side`, and
-// leaves that result as it is but for one iteration.
+// leaves that result as it is but for one iteration there.
 std::map<std::string, std::string> refinement_option_map(Options const& options,
                                                          long long coarse_side);
 
