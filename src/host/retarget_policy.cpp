@@ -27,6 +27,9 @@ RecycledImage<gray8_pixel_t> retarget_valid(Options const& options) {
     return valid;
 }
 
+// The side of a patch.
+constexpr long long patch_side = 7;
+
 // Two patch widths: below that the coarsest level offers no whole patch to
 // start the refinement from.
 constexpr long long smallest_walk_goal = 14;
@@ -39,13 +42,28 @@ int retarget_coarse_size(Options const& options, Mode mode) {
 
 CoarseWalk coarse_walk(Options const& options, Mode mode, Size picture, Size size) {
     Point const full(picture.width, picture.height);
-    int const coarse_size = retarget_coarse_size(options, mode);
+    long long const short_side = std::min(full.x, full.y);
+    int coarse_size = retarget_coarse_size(options, mode);
+    // The search cannot work on a level narrower than a patch: a new size
+    // much narrower than the picture walks at a larger scale.
+    long long const narrowest = std::min(size.width, size.height);
+    if (narrowest > 0) {
+        long long const needed = (patch_side * short_side + narrowest - 1) / narrowest;
+        if (needed > coarse_size) coarse_size = static_cast<int>(std::min(needed, short_side));
+    }
     long long width = -1, height = -1;
     double s0 = 0.0;
-    get_resample_size(full,
-                      static_cast<int>(std::min<long long>(coarse_size, std::min(full.x, full.y))),
-                      width, height, s0);
-    return {Point(width, height), level_size(Point(size.width, size.height), s0)};
+    get_resample_size(full, static_cast<int>(std::min<long long>(coarse_size, short_side)), width,
+                      height, s0);
+    return {Point(width, height), level_size(Point(size.width, size.height), s0), coarse_size};
+}
+
+std::map<std::string, std::string> retarget_option_map(Options const& options, Mode mode,
+                                                       CoarseWalk const& walk) {
+    auto map = option_map(options);
+    if (walk.coarse_size != retarget_coarse_size(options, mode))
+        map["-coarse_size"] = std::to_string(walk.coarse_size);
+    return map;
 }
 
 bool refines_one_way(Options const& options, Mode mode, Size picture, Size size) {

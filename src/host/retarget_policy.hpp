@@ -21,13 +21,20 @@ RecycledImage<gray8_pixel_t> retarget_valid(Options const& options);
 // caller's -coarse_size.
 int retarget_coarse_size(Options const& options, Mode mode);
 
-// The coarsest level of a retarget as the library's run has it: the
-// picture there, and the new size the walk ends at.
+// The coarsest level of a retarget: the picture there, the new size the
+// walk ends at, and the short side that gives them. That is
+// retarget_coarse_size, raised where the new size would be narrower than a
+// patch at that scale.
 struct CoarseWalk {
     Point picture;
     Point goal;
+    int coarse_size;
 };
 CoarseWalk coarse_walk(Options const& options, Mode mode, Size picture, Size size);
+
+// The option map of a retarget's walk, with the raised coarse size.
+std::map<std::string, std::string> retarget_option_map(Options const& options, Mode mode,
+                                                       CoarseWalk const& walk);
 
 // Whether a retarget from `picture` to `size` runs as two library runs.
 // The walk to the new size, at the coarsest scale, votes with both fields:

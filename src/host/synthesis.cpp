@@ -109,7 +109,8 @@ template <class Compare, class Pixel = typename Compare::pixel_t>
 RecycledImage<Pixel> retarget_in_one_run(Job const& job, Client<Pixel>& client,
                                          RecycledImage<Pixel>& source) {
     WeftmapRecomposer<Compare> recomposer(&client, detail::preset_of(job.mode));
-    configure(recomposer, detail::option_map(job.options));
+    auto const walk = detail::coarse_walk(job.options, job.mode, job.image.size(), job.size);
+    configure(recomposer, detail::retarget_option_map(job.options, job.mode, walk));
     auto allowed = detail::retarget_valid(job.options);
     GrayView const allowed_view = view(allowed);
     std::vector<Constraint> constraints;
@@ -148,7 +149,7 @@ RecycledImage<Pixel> retarget_in_two_runs(Job const& job, Client<Pixel>& client,
         }
         GrayView const coarse_allowed_view = view(coarse_allowed);
         WeftmapRecomposer<Compare> walker(&client, detail::preset_of(job.mode));
-        configure(walker, detail::option_map(job.options));
+        configure(walker, detail::retarget_option_map(job.options, job.mode, walk));
         client.set_progress_span(0.0f, walk_share);
         walker.retarget(view(coarse), constraints, walked, walk.goal, retarget_step_ratio, nullptr,
                         allowed.width() != 0 ? &coarse_allowed_view : nullptr, nullptr, nullptr);
@@ -230,7 +231,7 @@ void check_retarget_size(Size picture, Size size, Options const& options) {
                     "the new size " + size_text(size) + " is too far from the picture's " +
                         size_text(picture) +
                         ": retargeting grows a picture at most about 7 times a side (more when "
-                        "it is small)");
+                        "it is small) and shrinks it to about a thirtieth");
 }
 
 Image fill(ConstImageView const& image, ConstImageView const& hole, Options const& options) {

@@ -174,6 +174,9 @@ TEST(KitSynthesis, NarrowingRetargetRepeatsWithOneBandAndReportsProgressOnce) {
     EXPECT_LT(reports.front(), 0.1f);
     EXPECT_EQ(reports.back(), 1.0f);
     EXPECT_TRUE(same_pixels(retarget(image.view(), {68, 64}, options).view(), first.view()));
+    // Narrower than a patch at the usual coarsest scale, the walk runs at
+    // a larger one.
+    EXPECT_EQ(retarget(image.view(), {12, 64}, fixed_options()).size(), (Size{12, 64}));
     // A caller's own -bidir keeps the library's single run, which differs.
     options.recomposer_options["-bidir"] = "1";
     EXPECT_FALSE(same_pixels(retarget(image.view(), {68, 64}, options).view(), first.view()));
@@ -354,10 +357,14 @@ TEST(KitSynthesis, OptionsAreCheckedBeforeAnyWorkAndNameWhatIsWrong) {
     gain_bias.recomposer_options["-bidir"] = "0";
     EXPECT_EQ(message_of([&] { check_comparator(gain_bias, false); }), "");
 
-    // Retarget sizes: any shrinking, growth up to the walk's reach.
+    // Retarget sizes: both ways up to the walk's reach. A side shrinks to
+    // about a thirtieth, since the walk must end at least a patch wide.
     Size const picture{640, 480};
     EXPECT_EQ(message_of([&] { check_retarget_size(picture, {448, 480}); }), "");
-    EXPECT_EQ(message_of([&] { check_retarget_size(picture, {7, 7}); }), "");
+    EXPECT_EQ(message_of([&] { check_retarget_size(picture, {64, 480}); }), "");
+    for (Size const size : {Size{20, 480}, Size{7, 7}})
+        EXPECT_NE(message_of([&] { check_retarget_size(picture, size); }).find("a thirtieth"),
+                  std::string::npos);
     EXPECT_EQ(message_of([&] { check_retarget_size(picture, {1280, 960}); }), "");
     EXPECT_NE(message_of([&] {
                   check_retarget_size(picture, {19200, 14400});
