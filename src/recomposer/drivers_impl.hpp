@@ -311,6 +311,16 @@ void WeftmapRecomposer<Compare>::retarget(view_t const& source,
         static_cast<int>(std::min<long long>(coarse_size, std::min(source_size.x, source_size.y))),
         width, height, s0);
     Point const coarse(width, height);
+    // The search works on whole patches: a walk that ended narrower than
+    // one would read past its images.
+    Point const coarse_goal = level_size(target_dimensions, s0);
+    if (std::min(coarse_goal.x, coarse_goal.y) < w)
+        raise(
+            "WEFTMAP_INVALID_PARAMETERS: retarget target %dx%d is %dx%d at the coarsest scale, "
+            "less than a patch; raise coarse_size",
+            static_cast<long long>(target_dimensions.x),
+            static_cast<long long>(target_dimensions.y), static_cast<long long>(coarse_goal.x),
+            static_cast<long long>(coarse_goal.y));
     // The walk at the coarsest scale starts at the source's coarse size,
     // which a small target may not contain.
     Point const target_reserve(std::max(target_dimensions.x, coarse.x),

@@ -117,6 +117,14 @@ TEST(HostileInput, BadSizesAndPatchSizesAreRefusedBeforeAnyWork) {
               }),
               "WEFTMAP_INVALID_PARAMETERS: the target is 70000x32; sides of at most 65535 pixels "
               "are supported");
+    // A walk ending narrower than a patch at the coarsest scale would
+    // search past the images (40x32 at short side 25 makes 8 wide 6).
+    EXPECT_EQ(test::error_text([&] {
+                  r.retarget(view(image), constraints, output, Point(8, 32), 0.98, nullptr, nullptr,
+                             nullptr, nullptr);
+              }),
+              "WEFTMAP_INVALID_PARAMETERS: retarget target 8x32 is 6x25 at the coarsest scale, "
+              "less than a patch; raise coarse_size");
     // A patch of another size would read past the images' rows while the
     // masks are measured, before the search could refuse it.
     for (int w : {0, -1, 3, 9}) {
