@@ -23,6 +23,12 @@ namespace {
 // Size ratio of each step of the coarsest level's walk to the new size.
 constexpr double retarget_step_ratio = 0.98;
 
+// The same for the walk of a narrowing in two runs: every step iterates to
+// its size, so fewer and larger steps squeeze a picture's main object less
+// (a cup stays round, a face whole). It reaches every size the walk of
+// retarget_step_ratio does, in fewer steps.
+constexpr double narrowing_step_ratio = 0.95;
+
 void check_picture(ConstImageView const& image) {
     if (image.empty())
         throw Error(ErrorCode::invalid_input,
@@ -151,7 +157,7 @@ RecycledImage<Pixel> retarget_in_two_runs(Job const& job, Client<Pixel>& client,
         WeftmapRecomposer<Compare> walker(&client, detail::preset_of(job.mode));
         configure(walker, detail::retarget_option_map(job.options, job.mode, walk));
         client.set_progress_span(0.0f, walk_share);
-        walker.retarget(view(coarse), constraints, walked, walk.goal, retarget_step_ratio, nullptr,
+        walker.retarget(view(coarse), constraints, walked, walk.goal, narrowing_step_ratio, nullptr,
                         allowed.width() != 0 ? &coarse_allowed_view : nullptr, nullptr, nullptr);
     }
 
