@@ -1,0 +1,72 @@
+// The low-memory vote's view of one patch row: the seven patches whose
+// columns cover one pixel column, as the column kernels read them.
+#pragma once
+
+#include <weftmap/image/pixel_types.hpp>
+
+#include <cstddef>
+
+namespace WM::detail {
+
+// Patches px = x - 6 .. x of one patch row, oldest first: patch k covers
+// column x with its pixel 6 - k. Each entry is stored twice, at slot s and
+// s + 7, so that the current seven are contiguous from `oldest` without a
+// wrap. A patch that does not vote reads a row of zeros with weight zero:
+// every sum it meets gains 0 * 0 = +0, which leaves the sum as it is
+// (a sum is never -0: it starts at +0 and round-to-nearest gives -0 only
+// for -0 + -0), so silent patches need no test in the kernels.
+template <class Pixel>
+class VoteWindow {
+public:
+    VoteWindow() {
+        for (auto& p : zeros_) p = Pixel(0);
+        clear();
+    }
+    // Silent entries point into the window itself.
+    VoteWindow(VoteWindow const&) = delete;
+    VoteWindow& operator=(VoteWindow const&) = delete;
+
+    // Every entry silent, as at the start of a patch row.
+    void clear() {
+        for (int e = 0; e < 14; ++e) set(e, zeros_, 0, 0.0);
+        newest_ = 6;
+        oldest = 0;
+    }
+
+    // The slot the next entry takes; a caller that builds the patch in its
+    // own buffer uses one buffer per slot.
+    int next_slot() const { return newest_ == 6 ? 0 : newest_ + 1; }
+
+    // Moves on by one patch: the oldest leaves, `origin` (its top-left
+    // pixel, rows `row_bytes` apart) enters as the newest.
+    void push(Pixel const* origin, std::ptrdiff_t row_bytes, double weight) {
+        newest_ = next_slot();
+        set(newest_, origin, row_bytes, weight);
+        set(newest_ + 7, origin, row_bytes, weight);
+        oldest = newest_ + 1;
+    }
+    void push_silent() { push(zeros_, 0, 0.0); }
+
+    // Row j of entry e.
+    Pixel const* row(int e, int j) const {
+        return reinterpret_cast<Pixel const*>(reinterpret_cast<char const*>(origin[e]) +
+                                              j * row_bytes[e]);
+    }
+
+    Pixel const* origin[14];
+    std::ptrdiff_t row_bytes[14];
+    double weight[14];
+    int oldest;  // the current entries are oldest .. oldest + 6
+
+private:
+    void set(int e, Pixel const* o, std::ptrdiff_t step, double w) {
+        origin[e] = o;
+        row_bytes[e] = step;
+        weight[e] = w;
+    }
+
+    Pixel zeros_[7];  // the row every silent patch reads
+    int newest_;
+};
+
+}  // namespace WM::detail
