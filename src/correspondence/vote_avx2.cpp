@@ -93,23 +93,27 @@ WEFTMAP_AVX2 inline Channel const* next_row(Channel const* p, std::ptrdiff_t row
 }
 
 // All seven rows of one accumulator column: row j sums the votes of the
-// window's patches in order, in registers, and is stored once.
-template <class Pixel>
+// window's patches in order, in registers, and is stored once. With
+// `SharedStep` no patch is silent and all rows are one step apart.
+template <class Pixel, bool SharedStep>
 WEFTMAP_AVX2 void add_column_votes_wide(accumulator_pixel_t<Pixel>* const* rows,
                                         std::ptrdiff_t column, VoteWindow<Pixel> const& window) {
     using Channel = channel_base_t<Pixel>;
     constexpr int n = num_channels_v<Pixel>;
-    // Patch k's pixel 6 - k on the current row, and its weight.
-    Channel const* src[7];
+    // Patch k's pixel 6 - k on the first row, its row step and its weight.
+    Channel const* first[7];
     std::ptrdiff_t step[7];
     double weight[7];
     for (int k = 0; k < 7; ++k) {
         int const e = window.oldest + k;
-        src[k] = reinterpret_cast<Channel const*>(window.origin[e] + (6 - k));
+        first[k] = reinterpret_cast<Channel const*>(window.origin[e] + (6 - k));
         step[k] = window.row_bytes[e];
         weight[k] = window.weight[e];
     }
     for (int j = 0; j < 7; ++j) {
+        Channel const* src[7];
+        for (int k = 0; k < 7; ++k)
+            src[k] = next_row(first[k], j * (SharedStep ? step[0] : step[k]));
         double* const sums = &rows[j][column][0];
         if constexpr (n == 3) {
             // Inside the row the fourth lane reads the next pixel's first
@@ -139,7 +143,6 @@ WEFTMAP_AVX2 void add_column_votes_wide(accumulator_pixel_t<Pixel>* const* rows,
                                                  _mm_set_pd(1.0, static_cast<double>(src[k][0]))));
             _mm_storeu_pd(sums, acc);
         }
-        for (int k = 0; k < 7; ++k) src[k] = next_row(src[k], step[k]);
     }
 }
 
@@ -154,7 +157,10 @@ void add_votes_avx2(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int count
 template <class Pixel>
 void add_column_votes_avx2(accumulator_pixel_t<Pixel>* const* rows, std::ptrdiff_t column,
                            VoteWindow<Pixel> const& window) {
-    add_column_votes_wide(rows, column, window);
+    if (window.none_silent())
+        add_column_votes_wide<Pixel, true>(rows, column, window);
+    else
+        add_column_votes_wide<Pixel, false>(rows, column, window);
 }
 
 #define WEFTMAP_INSTANTIATE_ADD_VOTES_AVX2(P)                                                 \

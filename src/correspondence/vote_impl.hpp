@@ -72,7 +72,7 @@ inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int cou
 // has it (`avx2` is cpu_has_avx2(), asked once per vote).
 template <class Pixel>
 inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int count, double weight,
-                      bool avx2) {
+                      [[maybe_unused]] bool avx2) {
 #if defined(WEFTMAP_AVX2_KERNELS)
     if (avx2) {
         add_votes_avx2(acc, src, count, weight);
@@ -84,10 +84,12 @@ inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int cou
 
 // Adds the votes of the window's seven patches to one accumulator column
 // of seven rows (row j takes row j of every patch), patch by patch in the
-// window's order, through the widest kernel.
+// window's order, through the widest kernel. Seven silent patches would
+// add nothing.
 template <class Pixel>
 inline void add_column_votes(accumulator_pixel_t<Pixel>* const* rows, std::ptrdiff_t column,
-                             VoteWindow<Pixel> const& window, bool avx2) {
+                             VoteWindow<Pixel> const& window, [[maybe_unused]] bool avx2) {
+    if (window.all_silent()) return;
 #if defined(WEFTMAP_AVX2_KERNELS)
     if (avx2) {
         add_column_votes_avx2(rows, column, window);
@@ -355,7 +357,10 @@ void Weftmap<Compare>::vote(const_image_view_t const& b, OffsetView const& nnf,
         detail::vote_n_lomem_body<Compare> const body{
             b,    nnf,         out, view(_vote_buf), b_mask, b_weights,  a_mask, a_weights,
             init, constrained, box, &comparator,     client, &abort_flag};
-        parallel_range(box.xmin, box.xmax, grain_for_width(box.ymax - box.ymin), body);
+        // Tasks are strips at least 64 columns wide: every task enters the
+        // six patches left of its strip again on every row.
+        parallel_range(box.xmin, box.xmax, std::max(grain_for_width(box.ymax - box.ymin), 64),
+                       body);
         if (abort_flag.load()) raise("WEFTMAP_USER_CANCELED");
         OutputDebugChecksum("vote_p_lomem: output: ", out);
         return;

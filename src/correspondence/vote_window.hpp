@@ -14,7 +14,9 @@ namespace WM::detail {
 // wrap. A patch that does not vote reads a row of zeros with weight zero:
 // every sum it meets gains 0 * 0 = +0, which leaves the sum as it is
 // (a sum is never -0: it starts at +0 and round-to-nearest gives -0 only
-// for -0 + -0), so silent patches need no test in the kernels.
+// for -0 + -0), so the kernels need no test per patch. Which of the seven
+// are silent is kept too: a column whose seven are all silent is skipped,
+// and one with none has a single row step for all of them.
 template <class Pixel>
 class VoteWindow {
 public:
@@ -31,6 +33,7 @@ public:
         for (int e = 0; e < 14; ++e) set(e, zeros_, 0, 0.0);
         newest_ = 6;
         oldest = 0;
+        silent_ = all_seven;
     }
 
     // The slot the next entry takes; a caller that builds the patch in its
@@ -38,14 +41,19 @@ public:
     int next_slot() const { return newest_ == 6 ? 0 : newest_ + 1; }
 
     // Moves on by one patch: the oldest leaves, `origin` (its top-left
-    // pixel, rows `row_bytes` apart) enters as the newest.
+    // pixel, rows `row_bytes` apart) enters as the newest. All patches
+    // pushed between two clears have the same `row_bytes`.
     void push(Pixel const* origin, std::ptrdiff_t row_bytes, double weight) {
-        newest_ = next_slot();
-        set(newest_, origin, row_bytes, weight);
-        set(newest_ + 7, origin, row_bytes, weight);
-        oldest = newest_ + 1;
+        enter(origin, row_bytes, weight);
+        silent_ = (silent_ << 1) & all_seven;
     }
-    void push_silent() { push(zeros_, 0, 0.0); }
+    void push_silent() {
+        enter(zeros_, 0, 0.0);
+        silent_ = ((silent_ << 1) | 1u) & all_seven;
+    }
+
+    bool all_silent() const { return silent_ == all_seven; }
+    bool none_silent() const { return silent_ == 0; }
 
     // Row j of entry e.
     Pixel const* row(int e, int j) const {
@@ -59,6 +67,14 @@ public:
     int oldest;  // the current entries are oldest .. oldest + 6
 
 private:
+    static constexpr unsigned all_seven = 0x7fu;
+
+    void enter(Pixel const* o, std::ptrdiff_t step, double w) {
+        newest_ = next_slot();
+        set(newest_, o, step, w);
+        set(newest_ + 7, o, step, w);
+        oldest = newest_ + 1;
+    }
     void set(int e, Pixel const* o, std::ptrdiff_t step, double w) {
         origin[e] = o;
         row_bytes[e] = step;
@@ -67,6 +83,7 @@ private:
 
     Pixel zeros_[7];  // the row every silent patch reads
     int newest_;
+    unsigned silent_;  // bit i: the entry i places before the newest is silent
 };
 
 }  // namespace WM::detail
