@@ -8,6 +8,7 @@
 #include <weftmap/frame/parallel.hpp>
 
 #include "correspondence/vote_avx2.hpp"
+#include "correspondence/vote_window.hpp"
 #if defined(__SSE2__)
 #include "correspondence/vote_sse2.hpp"
 #endif
@@ -71,7 +72,7 @@ inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int cou
 // has it (`avx2` is cpu_has_avx2(), asked once per vote).
 template <class Pixel>
 inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int count, double weight,
-                      bool avx2) {
+                      [[maybe_unused]] bool avx2) {
 #if defined(WEFTMAP_AVX2_KERNELS)
     if (avx2) {
         add_votes_avx2(acc, src, count, weight);
@@ -81,31 +82,26 @@ inline void add_votes(accumulator_pixel_t<Pixel>* acc, Pixel const* src, int cou
     add_votes(acc, src, count, weight);
 }
 
-// The source patch a target patch votes: the raw pixels of `b`, or for the
-// gain/bias comparator the patch adjusted to the target's statistics.
-template <class Compare>
-class VotedPatch {
-public:
-    using pixel_t = typename Compare::pixel_t;
-
-    VotedPatch(Compare const& comparator, ConstView<pixel_t> const& b, int sx, int sy, int tx,
-               int ty) {
-        if constexpr (is_gain_bias_compare_v<Compare>) {
-            comparator.patch_transform(b, sx, sy, tx, ty,
-                                       gil::interleaved_view(7, 7, pixels_, 7 * sizeof(pixel_t)));
-            view_ = gil::interleaved_view(7, 7, static_cast<pixel_t const*>(pixels_),
-                                          7 * sizeof(pixel_t));
-        } else {
-            view_ = gil::subimage_view(b, sx, sy, 7, 7);
-        }
+// Adds the votes of the window's seven patches to one accumulator column
+// of seven rows (row j takes row j of every patch), patch by patch in the
+// window's order, through the widest kernel. Seven silent patches would
+// add nothing.
+template <class Pixel>
+inline void add_column_votes(accumulator_pixel_t<Pixel>* const* rows, std::ptrdiff_t column,
+                             VoteWindow<Pixel> const& window, [[maybe_unused]] bool avx2) {
+    if (window.all_silent()) return;
+#if defined(WEFTMAP_AVX2_KERNELS)
+    if (avx2) {
+        add_column_votes_avx2(rows, column, window);
+        return;
     }
-    // Row j of the voted patch.
-    pixel_t const* row(int j) const { return &*view_.row_begin(j); }
-
-private:
-    pixel_t pixels_[is_gain_bias_compare_v<Compare> ? 49 : 1];
-    ConstView<pixel_t> view_;
-};
+#endif
+    for (int j = 0; j < 7; ++j)
+        for (int k = 0; k < 7; ++k) {
+            int const e = window.oldest + k;
+            add_votes(&rows[j][column], window.row(e, j) + (6 - k), 1, window.weight[e]);
+        }
+}
 
 template <class Pixel>
 struct norm_image_body {
@@ -131,14 +127,22 @@ struct norm_image_init_body {
 
 // One task of the low-memory vote: all rows, the columns [begin, end) and the
 // patches that reach into them, through a ring of seven accumulator rows.
+// Each patch row is voted column by column: a pixel column takes its votes
+// from the seven patches that cover it, in raster order, so every pixel
+// sums the same products in the same order as patch-by-patch voting would,
+// whatever the split.
 template <class Compare>
 struct vote_n_lomem_body {
     using pixel_t = typename Compare::pixel_t;
+    using acc_pixel_t = accumulator_pixel_t<pixel_t>;
+    // The gain/bias comparator votes adjusted patches, built one per slot
+    // of the window.
+    static constexpr int adjusted_pixels = is_gain_bias_compare_v<Compare> ? 7 * 49 : 1;
 
     ConstView<pixel_t> b;
     OffsetView nnf;
     View<pixel_t> out;
-    View<accumulator_pixel_t<pixel_t>> ring;
+    View<acc_pixel_t> ring;
     GrayView const* b_mask;
     WeightInsetView const* b_weights;
     RegionMasks const* a_mask;
@@ -154,36 +158,55 @@ struct vote_n_lomem_body {
     void operator()(BlockedRange const& columns) const {
         int const begin = columns.begin(), end = columns.end();
         int const first = std::max(box.xmin, begin - 6);
+        VoteWindow<pixel_t> window;
+        pixel_t adjusted[adjusted_pixels];
         for (int y = box.ymin; y < box.ymax; ++y) {
+            // Accumulator rows y .. y + 6; row y is complete after this patch row.
+            acc_pixel_t* rows[7];
+            for (int j = 0; j < 7; ++j) rows[j] = &*ring.row_begin((y + j) % 7);
+            window.clear();
             for (int x = first; x < end; ++x) {
-                vote_patch(x, y, std::max(begin - x, 0), std::min(end - x, 7));
-                if (x >= begin) finish_pixel(x, y);
+                enter_patch(window, adjusted, x, y);
+                if (x < begin) continue;
+                std::ptrdiff_t const column = x - box.xmin;
+                add_column_votes(rows, column, window, avx2);
+                finish_pixel(rows[0][column], x, y);
             }
         }
         abort_flag->store(client != nullptr && client->checkAbort(), std::memory_order_relaxed);
     }
 
-    void vote_patch(int x, int y, int lo, int hi) const {
-        if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) return;
+    // Patch (x, y) enters the window as it votes, or silent where it does not.
+    void enter_patch(VoteWindow<pixel_t>& window, pixel_t* adjusted, int x, int y) const {
+        if (a_mask != nullptr && a_mask->view(x, y)[0] != 0) {
+            window.push_silent();
+            return;
+        }
         auto const match = nnf(x, y);
         int const sx = match[0], sy = match[1];
         bool const source_filter = !constrained;
-        if (source_filter && b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) return;
+        if (source_filter && b_mask != nullptr && (*b_mask)(sx, sy)[0] != 0) {
+            window.push_silent();
+            return;
+        }
         double weight =
             a_weights != nullptr ? double(channel_value((*a_weights)(x + 3, y + 3), 0)) : 1.0;
         if (source_filter && b_weights != nullptr)
             weight *= double(channel_value((*b_weights)(sx + 3, sy + 3), 0));
-        VotedPatch<Compare> const patch(*comparator, b, sx, sy, x, y);
-        for (int j = 0; j < 7; ++j)
-            add_votes(&ring((x + lo - box.xmin), (y + j) % 7), patch.row(j) + lo, hi - lo, weight,
-                      avx2);
+        if constexpr (is_gain_bias_compare_v<Compare>) {
+            pixel_t* const patch = adjusted + 49 * window.next_slot();
+            comparator->patch_transform(b, sx, sy, x, y,
+                                        gil::interleaved_view(7, 7, patch, 7 * sizeof(pixel_t)));
+            window.push(patch, 7 * sizeof(pixel_t), weight);
+        } else {
+            window.push(&b(sx, sy), b.pixels().row_size(), weight);
+        }
     }
 
     // Every patch covering (x, y) has voted: normalise and reset.
-    void finish_pixel(int x, int y) const {
-        auto& acc = ring(x - box.xmin, y % 7);
+    void finish_pixel(acc_pixel_t& acc, int x, int y) const {
         if (!normalise(acc, out(x, y)) && init != nullptr) out(x, y) = (*init)(x, y);
-        acc = accumulator_pixel_t<pixel_t>(0.0);
+        acc = acc_pixel_t(0.0);
     }
 };
 
@@ -334,7 +357,10 @@ void Weftmap<Compare>::vote(const_image_view_t const& b, OffsetView const& nnf,
         detail::vote_n_lomem_body<Compare> const body{
             b,    nnf,         out, view(_vote_buf), b_mask, b_weights,  a_mask, a_weights,
             init, constrained, box, &comparator,     client, &abort_flag};
-        parallel_range(box.xmin, box.xmax, grain_for_width(box.ymax - box.ymin), body);
+        // Tasks are strips at least 64 columns wide: every task enters the
+        // six patches left of its strip again on every row.
+        parallel_range(box.xmin, box.xmax, std::max(grain_for_width(box.ymax - box.ymin), 64),
+                       body);
         if (abort_flag.load()) raise("WEFTMAP_USER_CANCELED");
         OutputDebugChecksum("vote_p_lomem: output: ", out);
         return;
