@@ -641,8 +641,8 @@ tapestry_video)
     photo=$here/../../data/samples/coffee.png
     mkdir -p in/pan
     "$probe" pan "$photo" in/pan 40 64 48 4 || exit 1
-    # A lossless video of the same frames (their PNG pictures one after the
-    # other in one file) gives the same tapestry.
+    # One file holding the same frames one after another is read as a
+    # video and gives the same tapestry.
     cat in/pan/frame_*.png >in/pan.frames || exit 1
     expect "tapestry of a video" 0 "40 frames of 64x48" tapestry in/pan.frames out/video --threads 1
     expect "tapestry of its frames" 0 "" tapestry in/pan out/frames --threads 1 --quiet
