@@ -166,6 +166,9 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         } else if (arg == "--sample" && a.command == Command::fill) {
             a.sample_path = value();
             if (a.sample_path.empty()) bad("--sample needs a mask file");
+        } else if (arg == "--sample-anywhere" && a.command == Command::fill) {
+            no_value();
+            a.sample_anywhere = true;
         } else if (arg == "--exclude" && a.command == Command::fill) {
             a.exclude_path = value();
             if (a.exclude_path.empty()) bad("--exclude needs a mask file");
@@ -244,7 +247,11 @@ char const* usage_template() {
            "          --grow N        grows the hole by N pixels first (default 0), for\n"
            "                          masks painted tightly that leave an object's edge,\n"
            "                          halo or shadow behind\n"
-           "          --sample MASK   takes patches only where MASK is non-zero\n"
+           "          --sample MASK   takes patches only where MASK is non-zero; without\n"
+           "                          it (or --exclude) only where the picture has the\n"
+           "                          colours of the hole's rim, so that a face or sign\n"
+           "                          near the hole is not pasted into it\n"
+           "          --sample-anywhere  takes patches from anywhere outside the hole\n"
            "          --exclude MASK  takes no patches where MASK is non-zero (say where\n"
            "                          the fill must not copy from: a face, a sign)\n"
            "          --compare FILE  also writes the input with the hole tinted beside the\n"

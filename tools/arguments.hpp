@@ -42,6 +42,9 @@ struct Arguments {
     // where they may not (non-zero pixels of exclude_path).
     std::string sample_path;
     std::string exclude_path;
+    // fill: with neither, patches come from anywhere outside the hole rather
+    // than only where the picture has the colours of the hole's rim.
+    bool sample_anywhere = false;
 
     // retarget: the new width and height (0 keeps the input's) or a scale.
     long long width = 0;

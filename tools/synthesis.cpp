@@ -110,6 +110,7 @@ host::Options kit_options(Arguments const& args) {
     options.scalar_kernels = args.scalar;
     options.cancel = &interrupt_flag();
     options.grow = args.grow;
+    options.sample_like_rim = !args.sample_anywhere;
     return options;
 }
 

@@ -149,8 +149,11 @@ scalar: use the scalar patch kernels instead of the vector ones (the
 memory_limit: bytes of image memory for the whole process, set before the
     run and left in force (see set_memory_limit).
 sample: where patches may be taken from, an HxW mask of bool or uint8,
-    True or non-zero where sampling is allowed; None allows everywhere
-    outside the hole.
+    True or non-zero where sampling is allowed. None: in a fill, where the
+    picture has the colours of the hole's rim (so that a face near the hole
+    is not pasted into it), or everywhere outside the hole when that would
+    leave too little; in a retarget, everywhere. An all-True mask allows
+    everywhere outside the hole.
 progress: called with fractions from 0 to 1 on the calling thread. An
     exception raised in it cancels the run and comes out as itself.
 cmyk: take an HxWx4 picture as CMYK (Weftmap has no alpha channel).

@@ -20,4 +20,12 @@ WEFTMAP_HOST_API Image grow_hole(ConstImageView const& hole, int pixels);
 // that `excluded` leaves zero.
 WEFTMAP_HOST_API Image sampling_outside(ConstImageView const& excluded);
 
+// Where a fill samples unless told: the pixels outside the hole whose
+// colours its rim has, give or take about a sixth of the range per channel.
+// Salient objects near a hole (a face beside a sky) are kept out of it
+// while the colours the hole borders on stay in. An empty Image when that
+// would leave less than 60% of the picture or nearly all of it: then
+// sampling is not limited.
+WEFTMAP_HOST_API Image sampling_like_rim(ConstImageView const& image, ConstImageView const& hole);
+
 }  // namespace WM::host

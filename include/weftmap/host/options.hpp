@@ -59,6 +59,10 @@ struct Options {
     // Where patches may be taken from: a mask of the picture's size,
     // non-zero where sampling is allowed. Unset: everywhere outside the hole.
     std::optional<ConstImageView> sample;
+    // Fills without `sample` take patches only where the picture has the
+    // colours of the hole's rim (sampling_like_rim), so that a salient object
+    // near the hole is not pasted into it. False: everywhere outside the hole.
+    bool sample_like_rim = true;
     // Fills grow the hole by this many pixels first (grow_hole), so that
     // the edge and halo of an object painted tightly go with it.
     int grow = default_hole_growth;
