@@ -13,7 +13,6 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -27,28 +26,6 @@ struct FormatOf {
     static constexpr PixelFormat value = detail::format_of<Pixel>();
 };
 using NinePixels = boost::mp11::mp_rename<image_pixel_types, ::testing::Types>;
-
-// Whether every pixel outside `hole` came through unchanged.
-inline bool known_pixels_kept(ConstImageView const& input, ConstImageView const& hole,
-                              ConstImageView const& output) {
-    for (std::ptrdiff_t y = 0; y < input.height; ++y)
-        for (std::ptrdiff_t x = 0; x < input.width; ++x)
-            if (*hole.pixel(x, y) == 0 &&
-                std::memcmp(input.pixel(x, y), output.pixel(x, y), input.format.pixel_bytes()) != 0)
-                return false;
-    return true;
-}
-
-// The PSNR of `output` against `input` inside `hole`, in dB.
-inline double psnr_in_hole(ConstImageView const& input, ConstImageView const& hole,
-                           ConstImageView const& output) {
-    return detail::visit_format(input.format, [&](auto tag) {
-        using Pixel = typename decltype(tag)::type;
-        return WM::test::psnr_where(detail::packed_view<Pixel>(input),
-                                    detail::packed_view<Pixel>(output),
-                                    detail::packed_view<gray8_pixel_t>(hole));
-    });
-}
 
 // The code of the Error that `run` throws; a test failure when it throws none.
 inline ErrorCode code_of(std::function<void()> const& run) {

@@ -1,5 +1,6 @@
-// Pictures for the kit's tests and the tool tests' inputs: the test texture,
-// discs, and TIFF files in layouts the kit never writes, straight from the codec.
+// Pictures and checks of them for the kit's tests and the tool tests' probe:
+// the test texture, discs, TIFF files in layouts the kit never writes
+// (straight from the codec), and what a fill must keep.
 #pragma once
 
 #include "host/dispatch.hpp"
@@ -33,6 +34,28 @@ inline Image disc_mask(Size size, double cx, double cy, double r, unsigned char 
     Image mask(mask_format, size);
     WM::test::paint_disc(detail::packed_view<gray8_pixel_t>(mask.view()), cx, cy, r, edge);
     return mask;
+}
+
+// Whether every pixel outside `hole` came through unchanged.
+inline bool known_pixels_kept(ConstImageView const& input, ConstImageView const& hole,
+                              ConstImageView const& output) {
+    for (std::ptrdiff_t y = 0; y < input.height; ++y)
+        for (std::ptrdiff_t x = 0; x < input.width; ++x)
+            if (*hole.pixel(x, y) == 0 &&
+                std::memcmp(input.pixel(x, y), output.pixel(x, y), input.format.pixel_bytes()) != 0)
+                return false;
+    return true;
+}
+
+// The PSNR of `output` against `input` inside `hole`, in dB.
+inline double psnr_in_hole(ConstImageView const& input, ConstImageView const& hole,
+                           ConstImageView const& output) {
+    return detail::visit_format(input.format, [&](auto tag) {
+        using Pixel = typename decltype(tag)::type;
+        return WM::test::psnr_where(detail::packed_view<Pixel>(input),
+                                    detail::packed_view<Pixel>(output),
+                                    detail::packed_view<gray8_pixel_t>(hole));
+    });
 }
 
 struct TiffLayout {

@@ -50,8 +50,9 @@ TYPED_TEST(KitFill, KeepsKnownPixelsAndNeverWritesItsInputs) {
         // The periodic texture is continued into the hole. (The gain/bias
         // patch transform clamps at 255 for every depth, which spoils
         // 16-bit pictures, so only the plain comparator is judged.)
-        if (comparator == Comparator::translate)
+        if (comparator == Comparator::translate) {
             EXPECT_GT(psnr_in_hole(image.view(), hole.view(), result.view()), 20.0);
+        }
     }
     // A narrowing retarget runs in two library runs over the same pixels.
     Image const narrow = retarget(image.view(), {30, 32}, fixed_options());
