@@ -8,10 +8,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 rm -rf "$work"
 mkdir -p "$work/in" "$work/out" "$work/log"
 cd "$work" || exit 1
-"$probe" make in || {
-    echo "cannot generate the input files"
-    exit 1
-}
+"$probe" make in || { echo "cannot generate the input files"; exit 1; }
 
 passed=0 failed=0
 ok() { echo "ok: $1"; passed=$((passed + 1)); }
@@ -35,31 +32,23 @@ files_left() { ls -A out | tr '\n' ' '; }
 # checks its exit status and that standard error holds TEXT (when not empty).
 runner=
 expect() {
-    local name=$1 status=$2 text=$3
+    local name=$1 status=$2 text=$3 got
     shift 3
     $runner "$tool" "$@" </dev/null >log/stdout 2>log/stderr
-    local got=$?
-    if [ "$got" -ne "$status" ]; then
-        fail "$name: exit status $got, expected $status"
-        return 1
-    fi
-    if [ -n "$text" ] && ! grep -qF -- "$text" log/stderr; then
-        fail "$name: standard error lacks '$text'"
-        return 1
-    fi
+    got=$?
+    [ "$got" -eq "$status" ] || { fail "$name: exit status $got, expected $status"; return 1; }
+    [ -z "$text" ] || grep -qF -- "$text" log/stderr ||
+        { fail "$name: standard error lacks '$text'"; return 1; }
     ok "$name"
 }
 
 # expect_refusal NAME STATUS TEXT ARGS...: a failure must print exactly one
 # line and leave no file behind, not even a temporary one.
 expect_refusal() {
-    local name=$1
     rm -rf out && mkdir out
     expect "$@" || return 1
-    local lines
-    lines=$(wc -l <log/stderr)
-    [ "$lines" -eq 1 ] || fail "$name: $lines lines on standard error, expected one"
-    [ -z "$(ls -A out)" ] || fail "$name: left files behind: $(files_left)"
+    verify "$1: one line on standard error" [ "$(wc -l <log/stderr)" -eq 1 ]
+    nothing_in "$1" out
 }
 
 # check NAME COMMAND...: a probe check that must succeed.
