@@ -287,12 +287,7 @@ TEST(LargeFill, FailuresAndCancelLeaveNothing) {
     Image const none = disc_mask({180, 180}, 0, 0, -1);
     write_image_file(folder.at("none.png"), "none.png", FileFormat::png, none.view());
     Files const copy{files.image, folder.at("none.png"), folder.at("copy.png")};
-    {
-        RasterReader image(copy.image), mask(copy.mask);
-        RasterWriter output(copy.output, copy.output, FileFormat::png, image.format(),
-                            image.size());
-        EXPECT_TRUE(fill_large(image, mask, output, options, work.path).hole_empty);
-    }
+    EXPECT_TRUE(fill_files(copy, options, work.path).hole_empty);
     EXPECT_TRUE(same_pixels(read_image_file(copy.image).image.view(),
                             read_image_file(copy.output).image.view()));
 
