@@ -1,11 +1,7 @@
 // The kit's images: formats, strided views, conversions and masks.
 #include "host/kit_helpers.hpp"
 
-#include <weftmap/host/errors.hpp>
 #include <weftmap/host/image_file.hpp>
-#include <weftmap/host/runtime.hpp>
-
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
@@ -45,12 +41,7 @@ TEST(KitImage, ImagesAreZeroedCountedAndMoveOnly) {
     // The memory limit bounds the kit's images as it bounds the library's.
     unsigned long long const limit = memory_limit();
     set_memory_limit(memory_in_use() + 1000);
-    try {
-        Image too_big(rgb8, {100, 100});
-        FAIL() << "no memory-limit error";
-    } catch (Error const& e) {
-        EXPECT_EQ(e.code(), ErrorCode::memory_limit);
-    }
+    EXPECT_EQ(code_of([] { Image too_big(rgb8, {100, 100}); }), ErrorCode::memory_limit);
     set_memory_limit(limit);
 }
 
@@ -114,42 +105,13 @@ TEST(KitImage, MasksKeepEveryNonZeroPixel) {
     EXPECT_EQ(make_mask(red.view()).view().data[0], 200);
 }
 
-TEST(KitImage, FilesRoundTripEveryFormatTheyHold) {
-    std::string const dir = ::testing::TempDir();
-    for (auto const& [name, format, pixels] :
-         {std::tuple{"kit-rgb16.png", FileFormat::png, rgb16},
-          std::tuple{"kit-grayf.tif", FileFormat::tiff, grayf},
-          std::tuple{"kit-rgb8.jpg", FileFormat::jpeg, rgb8}}) {
-        Image const image = texture(pixels, {24, 16});
-        std::string const path = dir + name;
-        EXPECT_EQ(write_image_file(path, path, format, image.view()),
-                  format_name(pixels) + " " + format_name(format));
-        ImageFile const back = read_image_file(path);
-        EXPECT_EQ(back.format, format);
-        EXPECT_EQ(back.image.format(), pixels);
-        if (format != FileFormat::jpeg) {
-            EXPECT_TRUE(same_pixels(back.image.view(), image.view()));
-        }
-    }
-    // Float pictures become 16-bit PNGs; a missing folder is an output failure.
-    Image const f = texture(rgbf, {8, 8});
-    EXPECT_EQ(write_image_file(dir + "kit-f.png", "f.png", FileFormat::png, f.view()),
-              "16-bit RGB PNG");
-    try {
-        write_image_file(dir + "no/such/dir.png", "dir.png", FileFormat::png, f.view());
-        FAIL() << "no error";
-    } catch (Error const& e) {
-        EXPECT_EQ(e.code(), ErrorCode::output_failed);
-    }
-    try {
-        read_image_file(dir + "kit-missing.png");
-        FAIL() << "no error";
-    } catch (Error const& e) {
-        EXPECT_EQ(e.code(), ErrorCode::invalid_input);
-    }
+TEST(KitImage, FileNamesPickTheFormatAndFloatsGoToSixteenBitPngs) {
     EXPECT_EQ(format_for_name("a/b.TIFF", FileFormat::png), FileFormat::tiff);
     EXPECT_EQ(format_for_name("a.b/c", FileFormat::jpeg), FileFormat::jpeg);
     EXPECT_EQ(format_for_name("c.bmp", FileFormat::png), std::nullopt);
+    std::string const path = ::testing::TempDir() + "kit-f.png";
+    EXPECT_EQ(write_image_file(path, "f.png", FileFormat::png, texture(rgbf, {8, 8}).view()),
+              "16-bit RGB PNG");
 }
 
 }  // namespace

@@ -1,13 +1,22 @@
-// Pictures for the kit's tests, built through the kit's own types.
+// Typed-test lists, folders and error codes for the kit's tests.
 #pragma once
 
-#include "host/dispatch.hpp"
-#include "support/helpers.hpp"
+#include "host/kit_pictures.hpp"
 
+#include <weftmap/host/errors.hpp>
 #include <weftmap/host/image.hpp>
+#include <weftmap/host/runtime.hpp>
 
 #include <gtest/gtest.h>
 #include <boost/mp11/algorithm.hpp>
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
 
 namespace WM::host::test {
 
@@ -18,21 +27,37 @@ struct FormatOf {
 };
 using NinePixels = boost::mp11::mp_rename<image_pixel_types, ::testing::Types>;
 
-// The test texture in `format`.
-inline Image texture(PixelFormat format, Size size) {
-    Image image(format, size);
-    detail::visit_format(format, [&](auto tag) {
-        using Pixel = typename decltype(tag)::type;
-        WM::test::paint_texture(detail::packed_view<Pixel>(image.view()));
-    });
-    return image;
+// The code of the Error that `run` throws; a test failure when it throws none.
+inline ErrorCode code_of(std::function<void()> const& run) {
+    try {
+        run();
+    } catch (Error const& e) {
+        return e.code();
+    }
+    ADD_FAILURE() << "no error";
+    return ErrorCode::internal;
 }
 
-// 255 in a disc, 0 elsewhere.
-inline Image disc_mask(Size size, double cx, double cy, double r) {
-    Image mask(mask_format, size);
-    WM::test::paint_disc(detail::packed_view<gray8_pixel_t>(mask.view()), cx, cy, r);
-    return mask;
-}
+// A folder of the test's own, removed with what is left in it. The library's
+// buffers that tests use directly need the kit's client.
+struct TempFolder {
+    TempFolder() {
+        ensure_library();
+        std::string pattern = ::testing::TempDir() + "weftmap-kit-XXXXXX";
+        path = ::mkdtemp(pattern.data()) != nullptr ? pattern : "";
+        EXPECT_FALSE(path.empty());
+    }
+    ~TempFolder() { std::filesystem::remove_all(path); }
+    std::string at(std::string const& name) const { return path + "/" + name; }
+    // The names in `sub`, sorted.
+    std::vector<std::string> names(std::string const& sub = "") const {
+        std::vector<std::string> result;
+        for (auto const& e : std::filesystem::directory_iterator(at(sub)))
+            result.push_back(e.path().filename().string());
+        std::sort(result.begin(), result.end());
+        return result;
+    }
+    std::string path;
+};
 
 }  // namespace WM::host::test

@@ -4,18 +4,12 @@
 #include "host/kit_helpers.hpp"
 #include "host/raster_codec.hpp"
 
-#include <weftmap/host/errors.hpp>
 #include <weftmap/host/image_file.hpp>
 #include <weftmap/host/raster_file.hpp>
-#include <weftmap/host/runtime.hpp>
 
 #include <png.h>
-#include <tiffio.h>
-
-#include <gtest/gtest.h>
 
 #include <csetjmp>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <vector>
@@ -112,74 +106,6 @@ TYPED_TEST(RasterFile, BandsRoundTripLikeWholePictures) {
 
 // ---- layouts the kit never writes, straight from the codecs
 
-struct TiffLayout {
-    bool tiled = false;
-    bool separate = false;
-    bool alpha = false;
-    bool big = false;
-};
-
-// An uncompressed TIFF of `image` in blocks of 16x16 (tiles) or 16-row
-// strips, with an alpha sample after the colour when asked.
-void write_tiff(std::string const& path, Image const& image, TiffLayout layout) {
-    TIFF* tif = TIFFOpen(path.c_str(), layout.big ? "w8" : "w");
-    ASSERT_NE(tif, nullptr);
-    PixelFormat const f = image.format();
-    int const colour = f.channels(), samples = colour + layout.alpha, bytes = f.channel_bytes();
-    std::uint32_t const w = std::uint32_t(image.width()), h = std::uint32_t(image.height());
-    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, w);
-    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, h);
-    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, samples);
-    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8 * bytes);
-    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT,
-                 f.depth == Depth::f32 ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT);
-    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC,
-                 colour == 1   ? PHOTOMETRIC_MINISBLACK
-                 : colour == 3 ? PHOTOMETRIC_RGB
-                               : PHOTOMETRIC_SEPARATED);
-    TIFFSetField(tif, TIFFTAG_PLANARCONFIG,
-                 layout.separate ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
-    if (layout.alpha) {
-        std::uint16_t const kind = EXTRASAMPLE_ASSOCALPHA;
-        TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &kind);
-    }
-    std::uint32_t const bw = layout.tiled ? 16 : w, bh = 16;
-    if (layout.tiled) {
-        TIFFSetField(tif, TIFFTAG_TILEWIDTH, bw);
-        TIFFSetField(tif, TIFFTAG_TILELENGTH, bh);
-    } else {
-        TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, bh);
-    }
-    int const planes = layout.separate ? samples : 1;
-    int const block_samples = layout.separate ? 1 : samples;
-    std::vector<unsigned char> block(std::size_t(bw) * bh * block_samples * bytes);
-    for (int plane = 0; plane < planes; ++plane)
-        for (std::uint32_t y0 = 0; y0 < h; y0 += bh)
-            for (std::uint32_t x0 = 0; x0 < w; x0 += bw) {
-                std::uint32_t const rows = layout.tiled ? bh : std::min(bh, h - y0);
-                unsigned char* p = block.data();
-                for (std::uint32_t y = y0; y < y0 + rows; ++y)
-                    for (std::uint32_t x = x0; x < x0 + bw; ++x)
-                        for (int s = 0; s < block_samples; ++s, p += bytes) {
-                            int const sample = layout.separate ? plane : s;
-                            // Padding of edge tiles and alpha get marks
-                            // that must never reach the picture.
-                            if (x >= w || y >= h || sample >= colour)
-                                std::memset(p, 0xA5, bytes);
-                            else
-                                std::memcpy(p, image.view().pixel(x, y) + sample * bytes, bytes);
-                        }
-                tmsize_t const size = p - block.data();
-                tmsize_t const written =
-                    layout.tiled ? TIFFWriteEncodedTile(tif, TIFFComputeTile(tif, x0, y0, 0, plane),
-                                                        block.data(), size)
-                                 : TIFFWriteEncodedStrip(tif, TIFFComputeStrip(tif, y0, plane),
-                                                         block.data(), size);
-                ASSERT_EQ(written, size);
-            }
-    TIFFClose(tif);
-}
-
 TEST(RasterFileLayouts, TilesStripsPlanesAndBigTiffReadTheSame) {
     for (PixelFormat format : {rgb16, cmyk8, PixelFormat{Depth::f32, Colour::gray}}) {
         SCOPED_TRACE(format_name(format));
@@ -246,16 +172,6 @@ TEST(RasterFileLayouts, InterlacedPngsReadInBands) {
 }
 
 // ---- failures
-
-ErrorCode code_of(std::function<void()> const& f) {
-    try {
-        f();
-    } catch (Error const& e) {
-        return e.code();
-    }
-    ADD_FAILURE() << "no error";
-    return ErrorCode::internal;
-}
 
 TEST(RasterFileFailures, WriteErrorsAreOutputFailures) {
     Image const image = texture(rgb8, {64, 64});

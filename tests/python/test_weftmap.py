@@ -154,9 +154,9 @@ def test_retarget_remove_keeps_the_marked_region_out():
     red = lambda picture: np.count_nonzero(
         (picture[..., 0] > 200) & (picture[..., 1] < 8) & (picture[..., 2] < 8))
     assert red(weftmap.retarget(image, width=52, **FIXED)) > 100
-    result = weftmap.retarget(image, width=52, remove=band, **FIXED)
+    # Any non-zero value removes.
+    result = weftmap.retarget(image, width=52, remove=band.astype(np.uint8) * 9, **FIXED)
     assert result.shape == (40, 52, 3) and red(result) == 0
-    assert red(weftmap.retarget(image, width=52, remove=band.astype(np.uint8) * 9, **FIXED)) == 0
     with pytest.raises(weftmap.InvalidInputError, match="remove mask"):
         weftmap.retarget(image, width=52, remove=band[:, :60])
 
