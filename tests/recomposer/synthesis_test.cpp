@@ -97,32 +97,6 @@ TEST(Synthesis, RetargetReturnsTheRequestedSizeAndKeepsARepeatedTexture) {
     EXPECT_LT(patch_error(output), 0.5 * patch_error(squeezed));
 }
 
-TEST(Synthesis, CancellingRestoresTheRunParametersAndReleasesEverything) {
-    using Pixel = rgb8_pixel_t;
-    auto const baseline = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
-    {
-        struct CancelLater : test::RecordingClient<Pixel> {
-            void updateProgress(float f) override {
-                test::RecordingClient<Pixel>::updateProgress(f);
-                if (progress.size() == 5) cancel = true;
-            }
-        } client;
-        WeftmapRecomposer<TranslatePatchCompare<Pixel>> r(&client, RecomposerModeHoleFill);
-        r.nn_iters = 11;
-        r.rs_max = 12;
-        r.coherence_weight = 0.25;
-        auto const image = texture<Pixel>(64, 48);
-        EXPECT_EQ(
-            test::error_text([&] { fill(r, image, disc_hole(image.dimensions(), 30, 20, 6)); }),
-            "WEFTMAP_USER_CANCELED");
-        EXPECT_EQ(
-            std::make_tuple(r.nn_iters, r.rs_max, r.coherence_weight, r.patch_w, r.prefer_coherent),
-            std::make_tuple(11, 12, 0.25, 7, false));
-        EXPECT_GT(BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize(), baseline);
-    }
-    EXPECT_EQ(BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize(), baseline);
-}
-
 TEST(Synthesis, AMemoryLimitBelowTheRunsNeedFailsBeforeAnySearch) {
     using Pixel = cmyk16_pixel_t;
     test::ScopedMemoryLimit restore;
