@@ -14,7 +14,7 @@ using Limit = BaseLimitedByteMemoryAllocator;
 TEST(CoarsePass, AJobThatFitsWholeIsSolvedOnceWithoutTiles) {
     test::HolePicture<Pixel> const in(Point(64, 48), 32, 24, 8);
     Access access(in.picture, in.hole, 3);
-    test::HostClient<Pixel> client;
+    test::RecordingClient<Pixel> client;
     Synthesis synthesis(&access, &client);
     test::CaptureStdout out;
     synthesis.run();
@@ -39,7 +39,7 @@ TEST(CoarsePass, AMemoryLimitSettlesOnTheFinestScaleThatFitsAndTilesAtItsSize) {
     unsigned long long needed = 0;
     {
         Access access(in.picture, in.hole, 3);
-        test::HostClient<Pixel> client;
+        test::RecordingClient<Pixel> client;
         test::refuse_scales_below(client, access, 2);
         Synthesis synthesis(&access, &client);
         auto const base = Limit::getCurrentAllocatedSize();
@@ -50,7 +50,7 @@ TEST(CoarsePass, AMemoryLimitSettlesOnTheFinestScaleThatFitsAndTilesAtItsSize) {
     ASSERT_GT(needed, 0u);
 
     Access access(in.picture, in.hole, 3);
-    test::HostClient<Pixel> client;
+    test::RecordingClient<Pixel> client;
     Synthesis synthesis(&access, &client);
     test::ScopedMemoryLimit const restore;
     // Half as much again; scale 1 needs about four times as much.
@@ -85,7 +85,7 @@ TEST(CoarsePass, FailuresSayWhichScaleWasAtFault) {
         "WEFTMAP_NOT_ENOUGH_MEMORY: not enough memory to recompose coarsest scale.\n";
     {
         Access access(in.picture, in.hole, 3);
-        test::HostClient<Pixel> client;
+        test::RecordingClient<Pixel> client;
         Synthesis synthesis(&access, &client);
         test::ScopedMemoryLimit const restore;
         Limit::setLimit(Limit::getCurrentAllocatedSize() + 1000);
@@ -108,7 +108,7 @@ TEST(CoarsePass, FailuresSayWhichScaleWasAtFault) {
     for (int scale : {1, 0}) {
         Access access(in.picture, in.hole, 3);
         access.valids = test::pyramid(test::byte_mask(in.picture.dimensions(), 0), 3);
-        test::HostClient<Pixel> client;
+        test::RecordingClient<Pixel> client;
         test::refuse_scales_below(client, access, scale);
         Synthesis synthesis(&access, &client);
         test::CaptureStdout out;

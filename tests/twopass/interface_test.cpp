@@ -23,7 +23,7 @@ std::string parameters_of(Recomposer const& r) {
 TEST(TwoPassSynthesisInterface, ModesParametersAbortAndProgressReachTheHeldObject) {
     test::HolePicture<Pixel> const in(Point(48, 40), 24, 20, 6);
     test::PyramidAccess<Pixel> access(in.picture, in.hole, 2);
-    test::HostClient<Pixel> host;
+    test::RecordingClient<Pixel> host;
     std::string const default_preset = parameters_of(Recomposer(nullptr, RecomposerModeDefault));
     std::string const fill_preset = parameters_of(Recomposer(nullptr, RecomposerModeHoleFill));
     ASSERT_NE(default_preset, fill_preset);
