@@ -7,7 +7,6 @@
 #include "recomposer/recomposer_fixture.hpp"
 #include "support/test_client.hpp"
 
-#include <weftmap/correspondence/random.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
 
 #include <gtest/gtest.h>
@@ -83,26 +82,9 @@ Fingerprint fingerprint(std::string const& written) {
 }
 
 // One band, seed 5, the given kernels, checksums captured; restored after.
-class PinnedRun {
-public:
-    explicit PinnedRun(bool vector_kernels = true)
-        : bands_(test::client().threadCount), kernels_(test::client().useVectorKernels) {
-        test::client().threadCount = 1;
-        test::client().useVectorKernels = vector_kernels ? 1 : 0;
-        seed_random(5);
-    }
-    ~PinnedRun() {
-        test::client().threadCount = bands_;
-        test::client().useVectorKernels = kernels_;
-    }
-    PinnedRun(PinnedRun const&) = delete;
-    PinnedRun& operator=(PinnedRun const&) = delete;
-
+struct PinnedRun : test::Reproducible {
+    explicit PinnedRun(bool vector_kernels = true) : Reproducible(5, vector_kernels) {}
     test::ScopedCapture capture;
-
-private:
-    long long bands_;
-    unsigned char kernels_;
 };
 
 template <class Compare>
