@@ -48,16 +48,12 @@ TEST(TwoPassSynthesisInterface, ModesParametersAbortAndProgressReachTheHeldObjec
     auto& r = keep.synthesis->recomposer;
     std::map<std::string, std::string> options{{"-coherent", ""}, {"-em_iters_max", "9"}};
     keep.setSynthesisParameters(options);
-    EXPECT_TRUE(r.allow_coherent);
-    EXPECT_EQ(r.em_iters_max, 9);
+    EXPECT_EQ(std::make_pair(r.allow_coherent, r.em_iters_max), std::make_pair(true, 9));
     keep.setSynthesisParameters(SynthesisParameters{11, 20, true, 1.7, 4, 2, 30.0});
-    EXPECT_EQ(r.half_search_window, 11);
-    EXPECT_EQ(r.coarse_size, 20);
-    EXPECT_TRUE(r.const_coarse_size);
-    EXPECT_EQ(r.hole_gamma, 1.7);
-    EXPECT_EQ(r.em_iters_min, 4);
-    EXPECT_EQ(r.em_iters_final, 2);
-    EXPECT_EQ(r.directional_roifill_angle, 30.0);
+    EXPECT_EQ(
+        std::make_tuple(r.half_search_window, r.coarse_size, r.const_coarse_size, r.hole_gamma,
+                        r.em_iters_min, r.em_iters_final, r.directional_roifill_angle),
+        std::make_tuple(11, 20, true, 1.7, 4, 2, 30.0));
 
     host.abort_when = [] { return true; };
     EXPECT_TRUE(keep.checkAbort());
