@@ -2,10 +2,7 @@
 // refused with a message that says what is wrong, and a run that fails at
 // any allocation or is cancelled at any progress point releases everything,
 // restores the recomposer's parameters and leaves it fit for another run.
-#include "correspondence/recording_client.hpp"
 #include "recomposer/recomposer_fixture.hpp"
-#include "support/helpers.hpp"
-#include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
 #include <weftmap/recomposer/recomposer.hpp>

@@ -94,7 +94,7 @@ Fingerprint pinned_fill(bool vector_kernels = true) {
     auto image = noisy_texture<Pixel>(size, 3);
     auto hole = two_disc_hole(size);
     PinnedRun run(vector_kernels);
-    test::QuietClient<Pixel> client;
+    test::RecordingClient<Pixel> client;
     WeftmapRecomposer<Compare> r(&client, RecomposerModeHoleFill);
     std::vector<Constraint> constraints;
     RecycledImage<Pixel> output;
@@ -109,7 +109,7 @@ Fingerprint pinned_retarget() {
     Point const size(80, 56);
     auto image = noisy_texture<Pixel>(size, 4);
     PinnedRun run;
-    test::QuietClient<Pixel> client;
+    test::RecordingClient<Pixel> client;
     WeftmapRecomposer<TranslatePatchCompare<Pixel>> r(&client, RecomposerModeTapestry);
     std::vector<Constraint> constraints;
     RecycledImage<Pixel> output;

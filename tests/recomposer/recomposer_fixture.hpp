@@ -1,7 +1,8 @@
-// A hole-fill recomposer for tests of its members, with a client that
-// ignores progress, and the pictures the recomposer's tests run on.
+// A hole-fill recomposer for tests of its members, and the pictures the
+// recomposer's tests run on.
 #pragma once
 
+#include "correspondence/recording_client.hpp"
 #include "support/helpers.hpp"
 
 #include <weftmap/recomposer/recomposer.hpp>
@@ -24,16 +25,10 @@ inline RecycledImage<gray8_pixel_t> disc_hole(Point const& size, double cx, doub
     return hole;
 }
 
-template <class Pixel>
-class QuietClient : public ClientBase<Pixel> {
-public:
-    void updateProgress(float) override {}
-};
-
 template <class Compare = TranslatePatchCompare<gray8_pixel_t>>
 struct RecomposerUnderTest {
     using pixel_t = typename Compare::pixel_t;
-    QuietClient<pixel_t> client;
+    RecordingClient<pixel_t> client;
     WeftmapRecomposer<Compare> r{&client, RecomposerModeHoleFill};
 };
 

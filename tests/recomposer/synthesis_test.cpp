@@ -1,6 +1,4 @@
-#include "correspondence/recording_client.hpp"
 #include "recomposer/recomposer_fixture.hpp"
-#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
