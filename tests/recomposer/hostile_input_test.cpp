@@ -54,18 +54,7 @@ struct Job {
         return retarget ? RecomposerModeTapestry : RecomposerModeHoleFill;
     }
     RecycledImage<Pixel> run(Recomposer& r) const {
-        std::vector<Constraint> constraints;
-        RecycledImage<Pixel> output;
-        RecycledImage<Pixel> source = image;
-        if (retarget) {
-            r.retarget(view(source), constraints, output, Point(30, 32), 0.98, nullptr, nullptr,
-                       nullptr, nullptr);
-        } else {
-            Gray mask = hole;
-            r.recompose(view(source), constraints, output, &view(mask), nullptr, nullptr, nullptr,
-                        nullptr, nullptr, nullptr, nullptr);
-        }
-        return output;
+        return retarget ? test::retarget(r, image, Point(30, 32)) : test::fill(r, image, hole);
     }
     void check(RecycledImage<Pixel> const& output) const {
         if (retarget) {

@@ -96,11 +96,7 @@ Fingerprint pinned_fill(bool vector_kernels = true) {
     PinnedRun run(vector_kernels);
     test::RecordingClient<Pixel> client;
     WeftmapRecomposer<Compare> r(&client, RecomposerModeHoleFill);
-    std::vector<Constraint> constraints;
-    RecycledImage<Pixel> output;
-    r.recompose(view(image), constraints, output, &view(hole), nullptr, nullptr, nullptr, nullptr,
-                nullptr, nullptr, nullptr);
-    OutputDebugChecksum("pinned result: ", const_view(output));
+    OutputDebugChecksum("pinned result: ", const_view(test::fill(r, image, hole)));
     return fingerprint(run.capture.channel.written);
 }
 
@@ -111,11 +107,8 @@ Fingerprint pinned_retarget() {
     PinnedRun run;
     test::RecordingClient<Pixel> client;
     WeftmapRecomposer<TranslatePatchCompare<Pixel>> r(&client, RecomposerModeTapestry);
-    std::vector<Constraint> constraints;
-    RecycledImage<Pixel> output;
-    r.retarget(view(image), constraints, output, Point(size.x * 7 / 10, size.y), 0.98, nullptr,
-               nullptr, nullptr, nullptr);
-    OutputDebugChecksum("pinned result: ", const_view(output));
+    OutputDebugChecksum("pinned result: ",
+                        const_view(test::retarget(r, image, Point(size.x * 7 / 10, size.y))));
     return fingerprint(run.capture.channel.written);
 }
 

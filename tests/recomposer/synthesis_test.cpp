@@ -13,17 +13,8 @@ namespace {
 using Gray = RecycledImage<gray8_pixel_t>;
 
 using test::disc_hole;
+using test::fill;
 using test::texture;
-
-// Fills `hole` (255 = hole) of `image` with `r`.
-template <class Compare, class Pixel = typename Compare::pixel_t>
-RecycledImage<Pixel> fill(WeftmapRecomposer<Compare>& r, RecycledImage<Pixel> image, Gray hole) {
-    std::vector<Constraint> constraints;
-    RecycledImage<Pixel> output;
-    r.recompose(view(image), constraints, output, &view(hole), nullptr, nullptr, nullptr, nullptr,
-                nullptr, nullptr, nullptr);
-    return output;
-}
 
 template <class Compare>
 void check_fill_keeps_known_pixels() {
@@ -66,11 +57,8 @@ TEST(Synthesis, RetargetReturnsTheRequestedSizeAndKeepsARepeatedTexture) {
     using Pixel = rgb16_pixel_t;
     test::RecordingClient<Pixel> client;
     WeftmapRecomposer<TranslatePatchCompare<Pixel>> recomposer(&client, RecomposerModeTapestry);
-    auto source = texture<Pixel>(90, 60);
-    std::vector<Constraint> constraints;
-    RecycledImage<Pixel> output;
-    recomposer.retarget(view(source), constraints, output, Point(63, 60), 0.98, nullptr, nullptr,
-                        nullptr, nullptr);
+    auto const source = texture<Pixel>(90, 60);
+    auto const output = test::retarget(recomposer, source, Point(63, 60));
     ASSERT_EQ(output.dimensions(), Point(63, 60));
     EXPECT_FLOAT_EQ(client.progress.back(), 1.0f);
     // Its patches are found in the source far more closely than those of
