@@ -11,27 +11,6 @@ using Access = test::PyramidAccess<Pixel>;
 using Synthesis = test::OpenTwoPass<Pixel>;
 using Limit = BaseLimitedByteMemoryAllocator;
 
-TEST(CoarsePass, AJobThatFitsWholeIsSolvedOnceWithoutTiles) {
-    test::HolePicture<Pixel> const in(Point(64, 48), 32, 24, 8);
-    Access access(in.picture, in.hole, 3);
-    test::RecordingClient<Pixel> client;
-    Synthesis synthesis(&access, &client);
-    test::CaptureStdout out;
-    synthesis.run();
-
-    EXPECT_EQ(out.text(), "coarse scale 0\n");
-    EXPECT_EQ(access.deepest_scale, 0);
-    EXPECT_EQ(synthesis.tiles.GetSize(), 0);
-    EXPECT_EQ(synthesis.counter_buf.dimensions(), Point(0, 0));
-    EXPECT_EQ(synthesis.temp_mask_buf.dimensions(), Point(0, 0));
-    EXPECT_EQ(synthesis.tile_output_buf.dimensions(), Point(0, 0));
-    EXPECT_EQ(synthesis.progress_table, (std::vector<float>{0.0f, 1.0f}));
-    EXPECT_TRUE(client.monotone_to_one());
-    EXPECT_EQ(access.calls_of("setOutputPixels").size(), 1u);
-    EXPECT_EQ(access.violations, 0);
-    EXPECT_TRUE(in.known_pixels_kept(access));
-}
-
 TEST(CoarsePass, AMemoryLimitSettlesOnTheFinestScaleThatFitsAndTilesAtItsSize) {
     test::HolePicture<Pixel> const in(Point(128, 96), 64, 48, 14);
     // What a job at scale 2 holds after its coarse pass, measured by refusing

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <tuple>
 
 namespace WM {
 namespace {
@@ -63,11 +64,19 @@ TEST(TwoPassSynthesisInterface, ModesParametersAbortAndProgressReachTheHeldObjec
     keep.updateProgress(0.25f);
     EXPECT_EQ(host.progress, (std::vector<float>{0.25f}));
 
+    // A job that fits whole is solved once at full size, without tiles.
     host.progress.clear();
     test::CaptureStdout out;
     keep.run();
     EXPECT_EQ(out.text(), "coarse scale 0\n");
+    auto const& s = *keep.synthesis;
+    EXPECT_EQ(std::make_tuple(access.deepest_scale, s.tiles.GetSize(), s.counter_buf.dimensions(),
+                              s.temp_mask_buf.dimensions(), s.tile_output_buf.dimensions()),
+              std::make_tuple(0, 0, Point(0, 0), Point(0, 0), Point(0, 0)));
+    EXPECT_EQ(s.progress_table, (std::vector<float>{0.0f, 1.0f}));
     EXPECT_TRUE(host.monotone_to_one());
+    EXPECT_EQ(access.calls_of("setOutputPixels").size(), 1u);
+    EXPECT_EQ(access.violations, 0);
     EXPECT_TRUE(in.known_pixels_kept(access));
 }
 
