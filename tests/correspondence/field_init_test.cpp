@@ -37,7 +37,7 @@ TEST(SearchBands, CutTheBoxIntoHorizontalStrips) {
     EXPECT_EQ(search_bands(Box{0, 0, 5, 3}, 4).size(), 1u);  // under one row per band
 }
 
-TEST(InitNnf, FieldStaysInsideTheSourceAndOffMaskedPatches) {
+TEST(InitNnf, FieldStaysInsideTheSourceOffMaskedPatchesAndInItsCutWindow) {
     Engine engine;
     RecycledImage<offset_pixel_t> nnf;
     auto const masked = [](int x, int y) { return x == 7 && y >= 5 && y < 10; };
@@ -56,15 +56,11 @@ TEST(InitNnf, FieldStaysInsideTheSourceAndOffMaskedPatches) {
     // A source of one patch leaves one choice.
     engine.init_nnf(Point(20, 20), Point(7, 7), nnf, nullptr, nullptr, nullptr);
     for (auto const& p : const_view(nnf)) EXPECT_EQ(p, offset_pixel_t(0, 0));
-}
 
-// The field of a whole search stays inside its window (Search tests); here the
-// window meets the source border and is cut there, not moved.
-TEST(InitNnf, WindowIsCutAtTheSourceBorderNotMoved) {
-    Engine engine;
+    // The field of a whole search stays inside its window (Search tests);
+    // here the window meets the source border and is cut there, not moved.
     engine.half_search_window = 10;
     engine.current_scale = 1.0;
-    RecycledImage<offset_pixel_t> nnf;
     int low = 1000, high = -1;
     for (int run = 0; run < 40; ++run) {
         // Patch 0 expects position 0: the window [-10, 10) runs from 0 to 9.

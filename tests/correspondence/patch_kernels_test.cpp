@@ -197,21 +197,5 @@ TEST(PatchKernelsFloat, VectorLaneOrderAndSentinelBest) {
         0.0f);
 }
 
-// Scalar and vector kernels differ in their float unit, so a wrong pick shows.
-TYPED_TEST(PatchKernels, DispatchPicksTheKernelOfTheForm) {
-    using Pixel = TypeParam;
-    auto const a = test::random_image<Pixel>(9, 8, 7);
-    auto const b = test::random_image<Pixel>(10, 9, 8);
-    auto const a_patch = patch_at(a, 1, 1);
-    ConstView<Pixel> const bv = const_view(b);
-    TranslatePatchCompare<Pixel> const translate;
-    EXPECT_EQ((PatchKernel<TranslatePatchCompare<Pixel>, false>::full(translate, a_patch, bv, 2, 1,
-                                                                      1, 1)),
-              translate_distance_scalar<Pixel>(a_patch, bv, 2, 1));
-    EXPECT_EQ(
-        (PatchKernel<TranslatePatchCompare<Pixel>, true>::full(translate, a_patch, bv, 2, 1, 1, 1)),
-        translate_distance_vector<Pixel>(a_patch, bv, 2, 1));
-}
-
 }  // namespace
 }  // namespace WM

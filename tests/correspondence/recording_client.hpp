@@ -4,12 +4,16 @@
 
 #include <weftmap/correspondence/weftmap.hpp>
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
+#include <functional>
 #include <mutex>
 #include <vector>
 
 namespace WM::test {
 
+// Cancels when `cancel` is set or `abort_when` says so.
 template <class Pixel>
 class RecordingClient : public ClientBase<Pixel> {
 public:
@@ -19,12 +23,18 @@ public:
     }
     bool checkAbort() override {
         ++abort_polls;
-        return cancel;
+        return cancel || (abort_when && abort_when());
+    }
+    // Progress that never goes back and ends at the whole job.
+    bool monotone_to_one() const {
+        return !progress.empty() && std::is_sorted(progress.begin(), progress.end()) &&
+               std::abs(progress.back() - 1.0f) < 1e-6f;
     }
 
     std::vector<float> progress;
     std::atomic<bool> cancel{false};
     std::atomic<int> abort_polls{0};
+    std::function<bool()> abort_when;
 
 private:
     std::mutex mutex_;

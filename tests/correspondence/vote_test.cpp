@@ -140,47 +140,32 @@ RecycledImage<Pixel> reference_vote(PatchAt const& patch_at, ConstView<offset_pi
 // initial image; without, none of them, as a bare engine call has.
 template <class Pixel>
 struct OneWayVote {
-    explicit OneWayVote(bool everything)
-        : size(61, 23),
-          b(test::random_image<Pixel>(40, 30, 7)),
-          init(test::random_image<Pixel>(size.x, size.y, 9)),
-          nnf(size),
-          a_weight_data(size),
-          b_weight_data(b.dimensions()),
-          b_mask_data(b.dimensions()),
-          a_weights(view(a_weight_data)),
-          b_weights(view(b_weight_data)) {
+    explicit OneWayVote(bool everything) {
         std::mt19937 rng(8);
         for (auto& p : view(nnf)) p = offset_pixel_t(rng() % 34, rng() % 24);
-        mask = patch_positions_mask(size);
         for (int y = 4; y < 8; ++y) mask.view(10, y) = gray8_pixel_t(255);
         mask.update_boxes(7);
         for (auto& w : view(a_weight_data)) w = weight_pixel_t(float(rng() % 1000) / 7.0f);
         for (auto& w : view(b_weight_data)) w = weight_pixel_t(float(rng() % 1000) / 3.0f);
         a_weights.set_default(weight_pixel_t(1.0f));
         for (auto& m : view(b_mask_data)) m = gray8_pixel_t(rng() % 5 == 0 ? 255 : 0);
-        init_view = view(init);
-        nnf_view = view(nnf);
-        b_mask_view = view(b_mask_data);
-        if (everything) {
-            a_mask = &mask;
-            a_weight_map = &a_weights;
-            b_weight_map = &b_weights;
-            b_mask = &b_mask_view;
-            initial = &init_view;
-        }
+        if (!everything) return;
+        a_mask = &mask;
+        a_weight_map = &a_weights;
+        b_weight_map = &b_weights;
+        b_mask = &view(b_mask_data);
+        initial = &view(init);
     }
 
-    Point size;
-    RecycledImage<Pixel> b, init;
-    RecycledImage<offset_pixel_t> nnf;
-    RegionMasks mask;
-    RecycledImage<weight_pixel_t> a_weight_data, b_weight_data;
-    RecycledImage<gray8_pixel_t> b_mask_data;
-    WeightInsetView a_weights, b_weights;
-    View<Pixel> init_view;
-    OffsetView nnf_view;
-    GrayView b_mask_view;
+    Point size{61, 23};
+    RecycledImage<Pixel> b = test::random_image<Pixel>(40, 30, 7);
+    RecycledImage<Pixel> init = test::random_image<Pixel>(size.x, size.y, 9);
+    RecycledImage<offset_pixel_t> nnf{size};
+    OffsetView nnf_view = view(nnf);
+    RegionMasks mask = patch_positions_mask(size);
+    RecycledImage<weight_pixel_t> a_weight_data{size}, b_weight_data{b.dimensions()};
+    RecycledImage<gray8_pixel_t> b_mask_data{b.dimensions()};
+    WeightInsetView a_weights{view(a_weight_data)}, b_weights{view(b_weight_data)};
     // What the vote is given: null where the case goes without.
     RegionMasks* a_mask = nullptr;
     WeightInsetView const* a_weight_map = nullptr;

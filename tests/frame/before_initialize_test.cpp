@@ -1,6 +1,7 @@
 // Calls made before any client is registered, in a process of their own
 // (every other test binary registers its client first): each fails with a
 // tagged exception that says what is missing, and nothing crashes.
+#include "correspondence/recording_client.hpp"
 #include "support/helpers.hpp"
 
 #include <weftmap/frame/client.hpp>
@@ -16,11 +17,6 @@ std::string const no_client =
     "WEFTMAP_INVALID_PARAMETERS: no client is registered; call Initialize with one before any "
     "other call";
 
-class NoProgress : public ClientBase<gray8_pixel_t> {
-public:
-    void updateProgress(float) override {}
-};
-
 TEST(BeforeInitialize, CallsFailWithATaggedExceptionAndInitializeRefusesNull) {
     ASSERT_EQ(GetClientProcs(), nullptr);
     EXPECT_EQ(test::error_text([] { Initialize(nullptr); }),
@@ -35,7 +31,7 @@ TEST(BeforeInitialize, CallsFailWithATaggedExceptionAndInitializeRefusesNull) {
     mask[8 * 16 + 8] = 255;
     auto const source = gil::interleaved_view(16, 16, pixels, 16);
     auto const hole = gil::interleaved_view(16, 16, reinterpret_cast<gray8_pixel_t*>(mask), 16);
-    NoProgress client;
+    test::RecordingClient<gray8_pixel_t> client;
     WeftmapRecomposer<TranslatePatchCompare<gray8_pixel_t>> r(&client, RecomposerModeHoleFill);
     std::vector<Constraint> constraints;
     RecycledImage<gray8_pixel_t> output;

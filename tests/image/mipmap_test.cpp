@@ -1,4 +1,3 @@
-#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 

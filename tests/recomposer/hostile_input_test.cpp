@@ -2,10 +2,7 @@
 // refused with a message that says what is wrong, and a run that fails at
 // any allocation or is cancelled at any progress point releases everything,
 // restores the recomposer's parameters and leaves it fit for another run.
-#include "correspondence/recording_client.hpp"
 #include "recomposer/recomposer_fixture.hpp"
-#include "support/helpers.hpp"
-#include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
 #include <weftmap/recomposer/recomposer.hpp>
@@ -22,10 +19,6 @@ namespace {
 using Gray = RecycledImage<gray8_pixel_t>;
 using Pixel = rgb8_pixel_t;
 using Recomposer = WeftmapRecomposer<TranslatePatchCompare<Pixel>>;
-
-RecycledImage<Pixel> texture(std::ptrdiff_t width, std::ptrdiff_t height) {
-    return test::texture<Pixel>(width, height);
-}
 
 using test::disc_hole;
 
@@ -53,26 +46,15 @@ void set_odd_run_parameters(Recomposer& r) {
 
 // A small fill (known pixels unchanged) or retarget (the requested size).
 struct Job {
-    RecycledImage<Pixel> image = texture(40, 32);
-    Gray hole = disc_hole(image.dimensions(), 20, 16, 5);
     bool retarget = false;
+    RecycledImage<Pixel> image = test::texture<Pixel>(40, 32);
+    Gray hole = disc_hole(image.dimensions(), 20, 16, 5);
 
     RecomposerMode mode() const {
         return retarget ? RecomposerModeTapestry : RecomposerModeHoleFill;
     }
     RecycledImage<Pixel> run(Recomposer& r) const {
-        std::vector<Constraint> constraints;
-        RecycledImage<Pixel> output;
-        RecycledImage<Pixel> source = image;
-        if (retarget) {
-            r.retarget(view(source), constraints, output, Point(30, 32), 0.98, nullptr, nullptr,
-                       nullptr, nullptr);
-        } else {
-            Gray mask = hole;
-            r.recompose(view(source), constraints, output, &view(mask), nullptr, nullptr, nullptr,
-                        nullptr, nullptr, nullptr, nullptr);
-        }
-        return output;
+        return retarget ? test::retarget(r, image, Point(30, 32)) : test::fill(r, image, hole);
     }
     void check(RecycledImage<Pixel> const& output) const {
         if (retarget) {
@@ -91,56 +73,51 @@ struct Job {
 TEST(HostileInput, BadSizesAndPatchSizesAreRefusedBeforeAnyWork) {
     test::RecordingClient<Pixel> client;
     Recomposer r(&client, RecomposerModeHoleFill);
-    auto image = texture(40, 32);
+    auto image = test::texture<Pixel>(40, 32);
     std::vector<Constraint> constraints;
     RecycledImage<Pixel> output;
+    Gray hole = disc_hole(image.dimensions(), 20, 16, 5);
+    auto const fill = [&](Gray& mask, Gray* valid = nullptr) {
+        return test::error_text([&] {
+            r.recompose(view(image), constraints, output, &view(mask), nullptr, nullptr,
+                        valid != nullptr ? &view(*valid) : nullptr, nullptr, nullptr, nullptr,
+                        nullptr);
+        });
+    };
+    auto const retarget = [&](Point const& size) {
+        return test::error_text([&] {
+            r.retarget(view(image), constraints, output, size, 0.98, nullptr, nullptr, nullptr,
+                       nullptr);
+        });
+    };
 
     Gray small_hole = disc_hole(Point(30, 20), 15, 10, 4);
-    EXPECT_EQ(test::error_text([&] {
-                  r.recompose(view(image), constraints, output, &view(small_hole), nullptr, nullptr,
-                              nullptr, nullptr, nullptr, nullptr, nullptr);
-              }),
+    EXPECT_EQ(fill(small_hole),
               "WEFTMAP_INVALID_PARAMETERS: the hole mask is 30x20 but the target is 40x32; they "
               "must be the same size");
-    Gray hole = disc_hole(image.dimensions(), 20, 16, 5);
     Gray small_valid(Point(8, 8));
-    EXPECT_EQ(test::error_text([&] {
-                  r.recompose(view(image), constraints, output, &view(hole), nullptr, nullptr,
-                              &view(small_valid), nullptr, nullptr, nullptr, nullptr);
-              }),
+    EXPECT_EQ(fill(hole, &small_valid),
               "WEFTMAP_INVALID_PARAMETERS: the valid mask is 8x8 but the source is 40x32; they "
               "must be the same size");
     // Field positions are 16-bit: a wider target would be read out of bounds.
-    EXPECT_EQ(test::error_text([&] {
-                  r.retarget(view(image), constraints, output, Point(70000, 32), 0.98, nullptr,
-                             nullptr, nullptr, nullptr);
-              }),
+    EXPECT_EQ(retarget(Point(70000, 32)),
               "WEFTMAP_INVALID_PARAMETERS: the target is 70000x32; sides of at most 65535 pixels "
               "are supported");
     // A walk ending narrower than a patch at the coarsest scale would
     // search past the images (40x32 at short side 25 makes 8 wide 6).
-    EXPECT_EQ(test::error_text([&] {
-                  r.retarget(view(image), constraints, output, Point(8, 32), 0.98, nullptr, nullptr,
-                             nullptr, nullptr);
-              }),
+    EXPECT_EQ(retarget(Point(8, 32)),
               "WEFTMAP_INVALID_PARAMETERS: retarget target 8x32 is 6x25 at the coarsest scale, "
               "less than a patch; raise coarse_size");
     // A patch of another size would read past the images' rows while the
     // masks are measured, before the search could refuse it.
     for (int w : {0, -1, 3, 9}) {
         r.patch_w = w;
-        EXPECT_EQ(test::error_text([&] {
-                      r.recompose(view(image), constraints, output, &view(hole), nullptr, nullptr,
-                                  nullptr, nullptr, nullptr, nullptr, nullptr);
-                  }),
+        EXPECT_EQ(fill(hole),
                   "WEFTMAP_INVALID_PARAMETERS:Patch size unsupported: " + std::to_string(w));
     }
     r.patch_w = 7;
     r.patch_w_refine = 5;
-    EXPECT_EQ(test::error_text([&] {
-                  r.retarget(view(image), constraints, output, Point(30, 32), 0.98, nullptr,
-                             nullptr, nullptr, nullptr);
-              }),
+    EXPECT_EQ(retarget(Point(30, 32)),
               "WEFTMAP_INVALID_PARAMETERS:Patch refinement size unsupported: 5");
     EXPECT_TRUE(client.progress.empty());
     // The inputs were not touched: the hole is still 255 inside.
@@ -222,9 +199,7 @@ TEST(HostileInput, AFillFailingAtAnyAllocationReleasesEverythingAndRunsAgain) {
 }
 
 TEST(HostileInput, ARetargetFailingAtAnyAllocationReleasesEverythingAndRunsAgain) {
-    Job job;
-    job.retarget = true;
-    fail_every_allocation(job);
+    fail_every_allocation(Job{true});
 }
 
 void cancel_at_every_progress_point(Job const& job) {
@@ -266,9 +241,7 @@ TEST(HostileInput, AFillCancelledAtAnyProgressPointReleasesEverythingAndRunsAgai
 }
 
 TEST(HostileInput, ARetargetCancelledAtAnyProgressPointReleasesEverythingAndRunsAgain) {
-    Job job;
-    job.retarget = true;
-    cancel_at_every_progress_point(job);
+    cancel_at_every_progress_point(Job{true});
 }
 
 }  // namespace

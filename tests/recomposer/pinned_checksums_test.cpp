@@ -4,10 +4,9 @@
 // or distance changes the sequence. On a mismatch the test prints the new
 // count and hash, and the first lines, to compare against a run of the
 // previous commit.
-#include "support/helpers.hpp"
+#include "recomposer/recomposer_fixture.hpp"
 #include "support/test_client.hpp"
 
-#include <weftmap/correspondence/random.hpp>
 #include <weftmap/recomposer/recomposer.hpp>
 
 #include <gtest/gtest.h>
@@ -19,12 +18,6 @@
 
 namespace WM {
 namespace {
-
-template <class Pixel>
-class QuietClient : public ClientBase<Pixel> {
-public:
-    void updateProgress(float) override {}
-};
 
 // A texture with mild noise, so that no two patches are alike.
 template <class Pixel>
@@ -44,13 +37,11 @@ RecycledImage<Pixel> noisy_texture(Point const& size, unsigned seed) {
 
 // An irregular hole: two overlapping discs.
 RecycledImage<gray8_pixel_t> two_disc_hole(Point const& size) {
-    RecycledImage<gray8_pixel_t> hole(size);
-    test::paint_disc(view(hole), size.x * 0.45, size.y * 0.5, size.y * 0.16);
-    RecycledImage<gray8_pixel_t> second(size);
-    test::paint_disc(view(second), size.x * 0.58, size.y * 0.4, size.y * 0.11);
+    auto hole = test::disc_hole(size, size.x * 0.45, size.y * 0.5, size.y * 0.16);
+    auto const second = test::disc_hole(size, size.x * 0.58, size.y * 0.4, size.y * 0.11);
     for (std::ptrdiff_t y = 0; y < size.y; ++y)
         for (std::ptrdiff_t x = 0; x < size.x; ++x)
-            view(hole)(x, y)[0] = std::max(view(hole)(x, y)[0], view(second)(x, y)[0]);
+            view(hole)(x, y)[0] = std::max(view(hole)(x, y)[0], const_view(second)(x, y)[0]);
     return hole;
 }
 
@@ -91,26 +82,9 @@ Fingerprint fingerprint(std::string const& written) {
 }
 
 // One band, seed 5, the given kernels, checksums captured; restored after.
-class PinnedRun {
-public:
-    explicit PinnedRun(bool vector_kernels = true)
-        : bands_(test::client().threadCount), kernels_(test::client().useVectorKernels) {
-        test::client().threadCount = 1;
-        test::client().useVectorKernels = vector_kernels ? 1 : 0;
-        seed_random(5);
-    }
-    ~PinnedRun() {
-        test::client().threadCount = bands_;
-        test::client().useVectorKernels = kernels_;
-    }
-    PinnedRun(PinnedRun const&) = delete;
-    PinnedRun& operator=(PinnedRun const&) = delete;
-
+struct PinnedRun : test::Reproducible {
+    explicit PinnedRun(bool vector_kernels = true) : Reproducible(5, vector_kernels) {}
     test::ScopedCapture capture;
-
-private:
-    long long bands_;
-    unsigned char kernels_;
 };
 
 template <class Compare>
@@ -120,13 +94,9 @@ Fingerprint pinned_fill(bool vector_kernels = true) {
     auto image = noisy_texture<Pixel>(size, 3);
     auto hole = two_disc_hole(size);
     PinnedRun run(vector_kernels);
-    QuietClient<Pixel> client;
+    test::RecordingClient<Pixel> client;
     WeftmapRecomposer<Compare> r(&client, RecomposerModeHoleFill);
-    std::vector<Constraint> constraints;
-    RecycledImage<Pixel> output;
-    r.recompose(view(image), constraints, output, &view(hole), nullptr, nullptr, nullptr, nullptr,
-                nullptr, nullptr, nullptr);
-    OutputDebugChecksum("pinned result: ", const_view(output));
+    OutputDebugChecksum("pinned result: ", const_view(test::fill(r, image, hole)));
     return fingerprint(run.capture.channel.written);
 }
 
@@ -135,13 +105,10 @@ Fingerprint pinned_retarget() {
     Point const size(80, 56);
     auto image = noisy_texture<Pixel>(size, 4);
     PinnedRun run;
-    QuietClient<Pixel> client;
+    test::RecordingClient<Pixel> client;
     WeftmapRecomposer<TranslatePatchCompare<Pixel>> r(&client, RecomposerModeTapestry);
-    std::vector<Constraint> constraints;
-    RecycledImage<Pixel> output;
-    r.retarget(view(image), constraints, output, Point(size.x * 7 / 10, size.y), 0.98, nullptr,
-               nullptr, nullptr, nullptr);
-    OutputDebugChecksum("pinned result: ", const_view(output));
+    OutputDebugChecksum("pinned result: ",
+                        const_view(test::retarget(r, image, Point(size.x * 7 / 10, size.y))));
     return fingerprint(run.capture.channel.written);
 }
 

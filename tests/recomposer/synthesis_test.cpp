@@ -1,6 +1,4 @@
-#include "correspondence/recording_client.hpp"
 #include "recomposer/recomposer_fixture.hpp"
-#include "support/helpers.hpp"
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
@@ -15,17 +13,8 @@ namespace {
 using Gray = RecycledImage<gray8_pixel_t>;
 
 using test::disc_hole;
+using test::fill;
 using test::texture;
-
-// Fills `hole` (255 = hole) of `image` with `r`.
-template <class Compare, class Pixel = typename Compare::pixel_t>
-RecycledImage<Pixel> fill(WeftmapRecomposer<Compare>& r, RecycledImage<Pixel> image, Gray hole) {
-    std::vector<Constraint> constraints;
-    RecycledImage<Pixel> output;
-    r.recompose(view(image), constraints, output, &view(hole), nullptr, nullptr, nullptr, nullptr,
-                nullptr, nullptr, nullptr);
-    return output;
-}
 
 template <class Compare>
 void check_fill_keeps_known_pixels() {
@@ -68,11 +57,8 @@ TEST(Synthesis, RetargetReturnsTheRequestedSizeAndKeepsARepeatedTexture) {
     using Pixel = rgb16_pixel_t;
     test::RecordingClient<Pixel> client;
     WeftmapRecomposer<TranslatePatchCompare<Pixel>> recomposer(&client, RecomposerModeTapestry);
-    auto source = texture<Pixel>(90, 60);
-    std::vector<Constraint> constraints;
-    RecycledImage<Pixel> output;
-    recomposer.retarget(view(source), constraints, output, Point(63, 60), 0.98, nullptr, nullptr,
-                        nullptr, nullptr);
+    auto const source = texture<Pixel>(90, 60);
+    auto const output = test::retarget(recomposer, source, Point(63, 60));
     ASSERT_EQ(output.dimensions(), Point(63, 60));
     EXPECT_FLOAT_EQ(client.progress.back(), 1.0f);
     // Its patches are found in the source far more closely than those of
@@ -95,32 +81,6 @@ TEST(Synthesis, RetargetReturnsTheRequestedSizeAndKeepsARepeatedTexture) {
     RecycledImage<Pixel> squeezed;
     resample(const_view(source), squeezed, 63, 60, ResampleBilinear, -1);
     EXPECT_LT(patch_error(output), 0.5 * patch_error(squeezed));
-}
-
-TEST(Synthesis, CancellingRestoresTheRunParametersAndReleasesEverything) {
-    using Pixel = rgb8_pixel_t;
-    auto const baseline = BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize();
-    {
-        struct CancelLater : test::RecordingClient<Pixel> {
-            void updateProgress(float f) override {
-                test::RecordingClient<Pixel>::updateProgress(f);
-                if (progress.size() == 5) cancel = true;
-            }
-        } client;
-        WeftmapRecomposer<TranslatePatchCompare<Pixel>> r(&client, RecomposerModeHoleFill);
-        r.nn_iters = 11;
-        r.rs_max = 12;
-        r.coherence_weight = 0.25;
-        auto const image = texture<Pixel>(64, 48);
-        EXPECT_EQ(
-            test::error_text([&] { fill(r, image, disc_hole(image.dimensions(), 30, 20, 6)); }),
-            "WEFTMAP_USER_CANCELED");
-        EXPECT_EQ(
-            std::make_tuple(r.nn_iters, r.rs_max, r.coherence_weight, r.patch_w, r.prefer_coherent),
-            std::make_tuple(11, 12, 0.25, 7, false));
-        EXPECT_GT(BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize(), baseline);
-    }
-    EXPECT_EQ(BaseLimitedByteMemoryAllocator::getCurrentAllocatedSize(), baseline);
 }
 
 TEST(Synthesis, AMemoryLimitBelowTheRunsNeedFailsBeforeAnySearch) {

@@ -1,4 +1,3 @@
-#include "correspondence/recording_client.hpp"
 #include "recomposer/recomposer_fixture.hpp"
 
 #include <gtest/gtest.h>

@@ -2,6 +2,7 @@
 // diagnostic channel that collects everything written to it.
 #pragma once
 
+#include <weftmap/correspondence/random.hpp>
 #include <weftmap/frame/client.hpp>
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/image/memory.hpp>
@@ -53,6 +54,28 @@ public:
 private:
     DebugOutput output_;
     DebugOutput* previous_ = nullptr;
+};
+
+// One search band, the given kernels and a fixed seed while it lives: runs
+// that repeat exactly.
+class Reproducible {
+public:
+    explicit Reproducible(unsigned seed = 7, bool vector_kernels = true)
+        : bands_(client().threadCount), kernels_(client().useVectorKernels) {
+        client().threadCount = 1;
+        client().useVectorKernels = vector_kernels ? 1 : 0;
+        seed_random(seed);
+    }
+    ~Reproducible() {
+        client().threadCount = bands_;
+        client().useVectorKernels = kernels_;
+    }
+    Reproducible(Reproducible const&) = delete;
+    Reproducible& operator=(Reproducible const&) = delete;
+
+private:
+    long long bands_;
+    unsigned char kernels_;
 };
 
 // Restores the process-wide memory limit on scope exit.

@@ -8,7 +8,6 @@
 #include "support/random_image.hpp"
 #include "support/test_client.hpp"
 
-#include <weftmap/correspondence/random.hpp>
 #include <weftmap/tapestry/multi_tapestry_factory.hpp>
 #include <weftmap/tapestry/tapestry_factory.hpp>
 
@@ -163,16 +162,6 @@ struct OpenMultiFactory : MultiTapestryFactory<Pixel> {
     using MultiTapestryFactory<Pixel>::AdvanceProgress;
     // Plans the widths again for the current in-between count.
     void replan() { this->PrecomputeWidths(unsigned(this->frame_lists.size())); }
-};
-
-// One correspondence band and a fixed seed: runs that repeat exactly.
-struct Reproducible {
-    explicit Reproducible(unsigned seed = 7) : saved(client().threadCount) {
-        client().threadCount = 1;
-        seed_random(seed);
-    }
-    ~Reproducible() { client().threadCount = saved; }
-    long long saved;
 };
 
 }  // namespace WM::test

@@ -11,27 +11,6 @@ using Access = test::PyramidAccess<Pixel>;
 using Synthesis = test::OpenTwoPass<Pixel>;
 using Limit = BaseLimitedByteMemoryAllocator;
 
-TEST(CoarsePass, AJobThatFitsWholeIsSolvedOnceWithoutTiles) {
-    test::HolePicture<Pixel> const in(Point(64, 48), 32, 24, 8);
-    Access access(in.picture, in.hole, 3);
-    test::HostClient<Pixel> client;
-    Synthesis synthesis(&access, &client);
-    test::CaptureStdout out;
-    synthesis.run();
-
-    EXPECT_EQ(out.text(), "coarse scale 0\n");
-    EXPECT_EQ(access.deepest_scale, 0);
-    EXPECT_EQ(synthesis.tiles.GetSize(), 0);
-    EXPECT_EQ(synthesis.counter_buf.dimensions(), Point(0, 0));
-    EXPECT_EQ(synthesis.temp_mask_buf.dimensions(), Point(0, 0));
-    EXPECT_EQ(synthesis.tile_output_buf.dimensions(), Point(0, 0));
-    EXPECT_EQ(synthesis.progress_table, (std::vector<float>{0.0f, 1.0f}));
-    EXPECT_TRUE(client.monotone_to_one());
-    EXPECT_EQ(access.calls_of("setOutputPixels").size(), 1u);
-    EXPECT_EQ(access.violations, 0);
-    EXPECT_TRUE(in.known_pixels_kept(access));
-}
-
 TEST(CoarsePass, AMemoryLimitSettlesOnTheFinestScaleThatFitsAndTilesAtItsSize) {
     test::HolePicture<Pixel> const in(Point(128, 96), 64, 48, 14);
     // What a job at scale 2 holds after its coarse pass, measured by refusing
@@ -39,7 +18,7 @@ TEST(CoarsePass, AMemoryLimitSettlesOnTheFinestScaleThatFitsAndTilesAtItsSize) {
     unsigned long long needed = 0;
     {
         Access access(in.picture, in.hole, 3);
-        test::HostClient<Pixel> client;
+        test::RecordingClient<Pixel> client;
         test::refuse_scales_below(client, access, 2);
         Synthesis synthesis(&access, &client);
         auto const base = Limit::getCurrentAllocatedSize();
@@ -50,7 +29,7 @@ TEST(CoarsePass, AMemoryLimitSettlesOnTheFinestScaleThatFitsAndTilesAtItsSize) {
     ASSERT_GT(needed, 0u);
 
     Access access(in.picture, in.hole, 3);
-    test::HostClient<Pixel> client;
+    test::RecordingClient<Pixel> client;
     Synthesis synthesis(&access, &client);
     test::ScopedMemoryLimit const restore;
     // Half as much again; scale 1 needs about four times as much.
@@ -85,7 +64,7 @@ TEST(CoarsePass, FailuresSayWhichScaleWasAtFault) {
         "WEFTMAP_NOT_ENOUGH_MEMORY: not enough memory to recompose coarsest scale.\n";
     {
         Access access(in.picture, in.hole, 3);
-        test::HostClient<Pixel> client;
+        test::RecordingClient<Pixel> client;
         Synthesis synthesis(&access, &client);
         test::ScopedMemoryLimit const restore;
         Limit::setLimit(Limit::getCurrentAllocatedSize() + 1000);
@@ -108,7 +87,7 @@ TEST(CoarsePass, FailuresSayWhichScaleWasAtFault) {
     for (int scale : {1, 0}) {
         Access access(in.picture, in.hole, 3);
         access.valids = test::pyramid(test::byte_mask(in.picture.dimensions(), 0), 3);
-        test::HostClient<Pixel> client;
+        test::RecordingClient<Pixel> client;
         test::refuse_scales_below(client, access, scale);
         Synthesis synthesis(&access, &client);
         test::CaptureStdout out;

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <tuple>
 
 namespace WM {
 namespace {
@@ -23,7 +24,7 @@ std::string parameters_of(Recomposer const& r) {
 TEST(TwoPassSynthesisInterface, ModesParametersAbortAndProgressReachTheHeldObject) {
     test::HolePicture<Pixel> const in(Point(48, 40), 24, 20, 6);
     test::PyramidAccess<Pixel> access(in.picture, in.hole, 2);
-    test::HostClient<Pixel> host;
+    test::RecordingClient<Pixel> host;
     std::string const default_preset = parameters_of(Recomposer(nullptr, RecomposerModeDefault));
     std::string const fill_preset = parameters_of(Recomposer(nullptr, RecomposerModeHoleFill));
     ASSERT_NE(default_preset, fill_preset);
@@ -48,16 +49,12 @@ TEST(TwoPassSynthesisInterface, ModesParametersAbortAndProgressReachTheHeldObjec
     auto& r = keep.synthesis->recomposer;
     std::map<std::string, std::string> options{{"-coherent", ""}, {"-em_iters_max", "9"}};
     keep.setSynthesisParameters(options);
-    EXPECT_TRUE(r.allow_coherent);
-    EXPECT_EQ(r.em_iters_max, 9);
+    EXPECT_EQ(std::make_pair(r.allow_coherent, r.em_iters_max), std::make_pair(true, 9));
     keep.setSynthesisParameters(SynthesisParameters{11, 20, true, 1.7, 4, 2, 30.0});
-    EXPECT_EQ(r.half_search_window, 11);
-    EXPECT_EQ(r.coarse_size, 20);
-    EXPECT_TRUE(r.const_coarse_size);
-    EXPECT_EQ(r.hole_gamma, 1.7);
-    EXPECT_EQ(r.em_iters_min, 4);
-    EXPECT_EQ(r.em_iters_final, 2);
-    EXPECT_EQ(r.directional_roifill_angle, 30.0);
+    EXPECT_EQ(
+        std::make_tuple(r.half_search_window, r.coarse_size, r.const_coarse_size, r.hole_gamma,
+                        r.em_iters_min, r.em_iters_final, r.directional_roifill_angle),
+        std::make_tuple(11, 20, true, 1.7, 4, 2, 30.0));
 
     host.abort_when = [] { return true; };
     EXPECT_TRUE(keep.checkAbort());
@@ -67,11 +64,19 @@ TEST(TwoPassSynthesisInterface, ModesParametersAbortAndProgressReachTheHeldObjec
     keep.updateProgress(0.25f);
     EXPECT_EQ(host.progress, (std::vector<float>{0.25f}));
 
+    // A job that fits whole is solved once at full size, without tiles.
     host.progress.clear();
     test::CaptureStdout out;
     keep.run();
     EXPECT_EQ(out.text(), "coarse scale 0\n");
+    auto const& s = *keep.synthesis;
+    EXPECT_EQ(std::make_tuple(access.deepest_scale, s.tiles.GetSize(), s.counter_buf.dimensions(),
+                              s.temp_mask_buf.dimensions(), s.tile_output_buf.dimensions()),
+              std::make_tuple(0, 0, Point(0, 0), Point(0, 0), Point(0, 0)));
+    EXPECT_EQ(s.progress_table, (std::vector<float>{0.0f, 1.0f}));
     EXPECT_TRUE(host.monotone_to_one());
+    EXPECT_EQ(access.calls_of("setOutputPixels").size(), 1u);
+    EXPECT_EQ(access.violations, 0);
     EXPECT_TRUE(in.known_pixels_kept(access));
 }
 

@@ -1,9 +1,10 @@
 // An in-memory host for two-pass synthesis: a pyramid built by halving, a
 // hole mask, optional inputs, the stored result at full size, a log of every
 // call and a count of requests outside what the library promises. Also a
-// host client and a subclass that opens the protected steps to tests.
+// subclass that opens the protected steps to tests.
 #pragma once
 
+#include "correspondence/recording_client.hpp"
 #include "support/helpers.hpp"
 
 #include <weftmap/image/resample.hpp>
@@ -13,9 +14,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <iostream>
-#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -27,7 +26,6 @@ struct AccessCall {
     std::string op;
     Point origin;
     Point size;
-    int scale;
 };
 
 // Scale k + 1 is half of scale k; a coarse hole covers every fine hole pixel.
@@ -154,7 +152,7 @@ private:
             copy_clamped(const_view(holes[this->scale]), out, o);
     }
     void log(char const* op, Point origin = Point(0, 0), Point size = Point(0, 0)) {
-        calls.push_back({op, origin, size, this->scale});
+        calls.push_back({op, origin, size});
     }
     template <class T>
     T logged(char const* op, T value) {
@@ -176,32 +174,10 @@ private:
     }
 };
 
-// Records progress and cancels when `abort_when` says so.
-template <class Pixel>
-class HostClient : public ClientBase<Pixel> {
-public:
-    void updateProgress(float fraction) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        progress.push_back(fraction);
-    }
-    bool checkAbort() override { return abort_when && abort_when(); }
-    // Progress that never goes back and ends at the whole job.
-    bool monotone_to_one() const {
-        return !progress.empty() && std::is_sorted(progress.begin(), progress.end()) &&
-               std::abs(progress.back() - 1.0f) < 1e-6f;
-    }
-
-    std::vector<float> progress;
-    std::function<bool()> abort_when;
-
-private:
-    std::mutex mutex_;
-};
-
 // Cancels every reservation until the access has been at `scale`: the coarse
 // pass settles on that scale as if memory had run out above it.
 template <class Pixel>
-void refuse_scales_below(HostClient<Pixel>& client, PyramidAccess<Pixel>& access, int scale) {
+void refuse_scales_below(RecordingClient<Pixel>& client, PyramidAccess<Pixel>& access, int scale) {
     client.abort_when = [&access, scale] { return access.deepest_scale < scale; };
 }
 

@@ -55,7 +55,7 @@ struct TiledJob {
     }
     test::HolePicture<Pixel> in;
     test::PyramidAccess<Pixel> access;
-    test::HostClient<Pixel> client;
+    test::RecordingClient<Pixel> client;
     test::OpenTwoPass<Pixel> synthesis{&access, &client};
 };
 
