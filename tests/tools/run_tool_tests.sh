@@ -548,19 +548,20 @@ tapestry_video)
     photo=$here/../../data/samples/coffee.png
     mkdir -p in/pan
     "$probe" pan "$photo" in/pan 40 64 48 4 || exit 1
-    # One file holding the same frames one after another is read as a
-    # video and gives the same tapestry, whole and selected.
+    # One file holding the same frames one after another gives the same
+    # tapestry as the folder, whole and selected.
     cat in/pan/frame_*.png >in/pan.frames || exit 1
-    expect "tapestry of a video" 0 "40 frames of 64x48" tapestry in/pan.frames out/video --threads 1
-    expect "tapestry of its frames" 0 "" tapestry in/pan out/frames --threads 1 --quiet
-    check "video and frames give one picture" \
-        "$probe" same out/video/tapestry.png out/frames/tapestry.png
-    expect "a selection of the video" 0 "" tapestry in/pan.frames out/video-picked --frames 3:30:3 \
-        --threads 1 --quiet
-    expect "the same selection of its frames" 0 "" tapestry in/pan out/frames-picked \
+    expect "tapestry of one file of frames" 0 "40 frames of 64x48" tapestry in/pan.frames \
+        out/stream --threads 1
+    expect "tapestry of the folder" 0 "" tapestry in/pan out/folder --threads 1 --quiet
+    check "one file and the folder give one picture" \
+        "$probe" same out/stream/tapestry.png out/folder/tapestry.png
+    expect "a selection of the file" 0 "" tapestry in/pan.frames out/stream-picked \
         --frames 3:30:3 --threads 1 --quiet
-    check "video and frames, selected, give one picture" \
-        "$probe" same out/video-picked/tapestry.png out/frames-picked/tapestry.png
+    expect "the same selection of the folder" 0 "" tapestry in/pan out/folder-picked \
+        --frames 3:30:3 --threads 1 --quiet
+    check "file and folder, selected, give one picture" \
+        "$probe" same out/stream-picked/tapestry.png out/folder-picked/tapestry.png
     echo "not a video" >in/clip.mp4
     expect "not a video" 3 "ffmpeg cannot read 'in/clip.mp4'" tapestry in/clip.mp4 out/none \
         --quiet
