@@ -251,15 +251,15 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
     Image grown;
     if (options.grow != 0) grown = grow_hole(hole, options.grow);
     ConstImageView const hole_used = options.grow != 0 ? grown.view() : hole;
-    if (!options.sample && options.sample_like_rim && mode == Mode::hole_fill) {
-        Image const area = sampling_like_rim(image, hole_used);
-        if (!area.empty()) {
-            Options limited = options;
-            limited.sample = area.view();
-            return dispatch(Job{image, &hole_used, {}, limited, mode});
-        }
+    Image area;
+    if (!options.sample && options.sample_like_rim && mode == Mode::hole_fill)
+        area = sampling_like_rim(image, hole_used);
+    Options limited;
+    if (!area.empty()) {
+        limited = options;
+        limited.sample = area.view();
     }
-    return dispatch(Job{image, &hole_used, {}, options, mode});
+    return dispatch(Job{image, &hole_used, {}, area.empty() ? options : limited, mode});
 }
 
 Image retarget(ConstImageView const& image, Size size, Options const& options) {
