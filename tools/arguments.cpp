@@ -169,6 +169,9 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         } else if (arg == "--sample-anywhere" && a.command == Command::fill) {
             no_value();
             a.sample_anywhere = true;
+        } else if (arg == "--no-texture" && a.command == Command::fill) {
+            no_value();
+            a.no_texture = true;
         } else if (arg == "--exclude" && a.command == Command::fill) {
             a.exclude_path = value();
             if (a.exclude_path.empty()) bad("--exclude needs a mask file");
@@ -252,6 +255,10 @@ char const* usage_template() {
            "                          colours of the hole's rim, so that a face or sign\n"
            "                          near the hole is not pasted into it\n"
            "          --sample-anywhere  takes patches from anywhere outside the hole\n"
+           "          --no-texture    keeps the synthesis's result where the hole borders\n"
+           "                          on one even texture (grass, gravel) and the fill\n"
+           "                          came out much smoother; by default such a hole is\n"
+           "                          rebuilt from blocks of that texture\n"
            "          --exclude MASK  takes no patches where MASK is non-zero (say where\n"
            "                          the fill must not copy from: a face, a sign)\n"
            "          --compare FILE  also writes the input with the hole tinted beside the\n"

@@ -45,6 +45,7 @@ struct Arguments {
     // fill: with neither, patches come from anywhere outside the hole rather
     // than only where the picture has the colours of the hole's rim.
     bool sample_anywhere = false;
+    bool no_texture = false;
 
     // retarget: the new width and height (0 keeps the input's) or a scale.
     long long width = 0;

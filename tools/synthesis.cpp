@@ -111,6 +111,7 @@ host::Options kit_options(Arguments const& args) {
     options.cancel = &interrupt_flag();
     options.grow = args.grow;
     options.sample_like_rim = !args.sample_anywhere;
+    options.texture_like_rim = !args.no_texture;
     return options;
 }
 

@@ -7,5 +7,6 @@
 #include <weftmap/host/image.hpp>
 #include <weftmap/host/large_fill.hpp>
 #include <weftmap/host/options.hpp>
+#include <weftmap/host/rim_texture.hpp>
 #include <weftmap/host/runtime.hpp>
 #include <weftmap/host/synthesis.hpp>

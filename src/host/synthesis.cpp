@@ -7,6 +7,7 @@
 
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/host/hole_mask.hpp>
+#include <weftmap/host/rim_texture.hpp>
 #include <weftmap/host/synthesis.hpp>
 #include <weftmap/image/mipmap.hpp>
 #include <weftmap/image/resample.hpp>
@@ -259,7 +260,14 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
         limited = options;
         limited.sample = area.view();
     }
-    return dispatch(Job{image, &hole_used, {}, area.empty() ? options : limited, mode});
+    Options const& used = area.empty() ? options : limited;
+    Image result = dispatch(Job{image, &hole_used, {}, used, mode});
+    if (options.texture_like_rim && mode == Mode::hole_fill) {
+        Image textured = texture_like_rim(image, hole_used, result.view(),
+                                          used.sample ? &*used.sample : nullptr);
+        if (!textured.empty()) return textured;
+    }
+    return result;
 }
 
 Image retarget(ConstImageView const& image, Size size, Options const& options) {

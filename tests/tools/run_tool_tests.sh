@@ -226,6 +226,9 @@ EOF
             "$probe" check-fill in/rgb8.png in/mask.png out/exclude.png
     expect "--sample --grow" 0 "" fill in/rgb8.png in/mask.png out/grow.png --sample \
         in/mask-all.png --grow 3 --quiet
+    expect "--no-texture" 0 "" fill in/rgb8.png in/mask.png out/plain.png --no-texture --quiet &&
+        check "--no-texture keeps the pixels outside the hole" \
+            "$probe" check-fill in/rgb8.png in/mask.png out/plain.png
 
     # The side-by-side picture: input with the hole tinted, gap, result.
     expect "--compare" 0 "" fill in/gray16.png in/mask.png out/c.png --compare out/c-compare.png &&

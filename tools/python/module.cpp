@@ -34,7 +34,7 @@ void warn(host::Warnings const& warnings) {
 }
 
 py::array fill(py::array const& image, py::array const& mask, RunKeywords const& keywords,
-               std::optional<py::array> const& sample, int grow, bool cmyk) {
+               std::optional<py::array> const& sample, int grow, bool texture, bool cmyk) {
     Picture const picture = picture_of(image, cmyk);
     Mask const hole = mask_of(mask, "hole mask");
     std::optional<Mask> sampling;
@@ -42,6 +42,7 @@ py::array fill(py::array const& image, py::array const& mask, RunKeywords const&
     host::Options options = kit_options(keywords);
     if (sampling) options.sample = sampling->view;
     options.grow = grow;
+    options.texture_like_rim = texture;
     host::Image result = without_gil([&] { return host::fill(picture.view, hole.view, options); });
     return array_like(std::move(result), picture);
 }
@@ -176,6 +177,9 @@ mask: the hole, an HxW array of bool (True = hole) or uint8 (non-zero =
     hole, 255 = a full hole).
 grow: pixels the hole grows by first (0 to 1000), for masks painted
     tightly that leave an object's edge, halo or shadow behind.
+texture: where the hole borders on one even texture (grass, gravel) and
+    the synthesis came out much smoother than it, rebuild the hole from
+    blocks of that texture. False keeps the synthesis's result.
 )" + std::string(keywords_doc) +
                              R"(
 Returns a new array of the picture's dtype and shape, equal to it outside
@@ -212,8 +216,8 @@ PYBIND11_MODULE(weftmap, m) {
         [](py::array const& image, py::array const& mask, std::string mode, std::string comparator,
            std::optional<py::dict> options, std::optional<long long> seed, std::optional<int> bands,
            bool scalar, std::optional<long long> memory_limit,
-           std::optional<py::array> const& sample, int grow, std::optional<py::function> progress,
-           bool cmyk) {
+           std::optional<py::array> const& sample, int grow, bool texture,
+           std::optional<py::function> progress, bool cmyk) {
             RunKeywords const keywords{std::move(mode),
                                        std::move(comparator),
                                        std::move(options),
@@ -222,14 +226,14 @@ PYBIND11_MODULE(weftmap, m) {
                                        bands,
                                        scalar,
                                        std::move(progress)};
-            return fill(image, mask, keywords, sample, grow, cmyk);
+            return fill(image, mask, keywords, sample, grow, texture, cmyk);
         },
         fill_doc.c_str(), py::arg("image"), py::arg("mask"), py::kw_only(),
         py::arg("mode") = "hole-fill", py::arg("comparator") = "translate",
         py::arg("options") = py::none(), py::arg("seed") = py::none(),
         py::arg("bands") = py::none(), py::arg("scalar") = false,
         py::arg("memory_limit") = py::none(), py::arg("sample") = py::none(), py::arg("grow") = 0,
-        py::arg("progress") = py::none(), py::arg("cmyk") = false);
+        py::arg("texture") = true, py::arg("progress") = py::none(), py::arg("cmyk") = false);
 
     m.def(
         "retarget",

@@ -30,6 +30,7 @@ def fill(
     memory_limit: Optional[int] = None,
     sample: Optional[_Mask] = None,
     grow: int = 0,
+    texture: bool = True,
     progress: Optional[Callable[[float], object]] = None,
     cmyk: bool = False,
 ) -> _Picture:

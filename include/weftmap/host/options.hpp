@@ -63,6 +63,10 @@ struct Options {
     // colours of the hole's rim (sampling_like_rim), so that a salient object
     // near the hole is not pasted into it. False: everywhere outside the hole.
     bool sample_like_rim = true;
+    // Fills whose hole borders on one even texture (grass, gravel) but came
+    // out much smoother get the hole rebuilt from blocks of that texture
+    // (texture_like_rim). False: the synthesis's result as it is.
+    bool texture_like_rim = true;
     // Fills grow the hole by this many pixels first (grow_hole), so that
     // the edge and halo of an object painted tightly go with it.
     int grow = default_hole_growth;
