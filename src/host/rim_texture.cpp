@@ -66,51 +66,34 @@ struct Planes {
 };
 
 Planes planes_of(ConstImageView const& window) {
-    Image const floats = converted(window, PixelFormat{Depth::f32, window.format.colour});
     Planes p{window.width, window.height, window.format.channels(), {}};
     p.values.resize(static_cast<std::size_t>(p.width * p.height * p.channels));
-    for (std::ptrdiff_t y = 0; y < p.height; ++y)
-        std::memcpy(p.at(0, y), floats.view().pixel(0, y),
-                    static_cast<std::size_t>(p.width * p.channels) * sizeof(float));
+    convert(window, ImageView(reinterpret_cast<unsigned char*>(p.values.data()),
+                              PixelFormat{Depth::f32, window.format.colour}, p.width, p.height));
     return p;
 }
 
-// Means over (2r+1)^2 boxes clipped to the window: along rows, then along
-// columns, each from running sums.
-Planes local_means(Planes const& p, int r) {
-    int const n = p.channels;
-    auto pass = [&](Planes const& from, std::ptrdiff_t lines, std::ptrdiff_t length,
-                    std::ptrdiff_t along, std::ptrdiff_t across) {
-        // Element (line, i) is at (line * across + i * along) * n.
-        Planes to = from;
-        std::vector<double> sums(static_cast<std::size_t>((length + 1) * n));
-        for (std::ptrdiff_t line = 0; line < lines; ++line) {
-            float const* in = &from.values[static_cast<std::size_t>(line * across * n)];
-            float* out = &to.values[static_cast<std::size_t>(line * across * n)];
-            for (std::ptrdiff_t i = 0; i < length; ++i)
-                for (int c = 0; c < n; ++c)
-                    sums[static_cast<std::size_t>((i + 1) * n + c)] =
-                        sums[static_cast<std::size_t>(i * n + c)] + in[i * along * n + c];
-            for (std::ptrdiff_t i = 0; i < length; ++i) {
-                std::ptrdiff_t const lo = std::max<std::ptrdiff_t>(0, i - r);
-                std::ptrdiff_t const hi = std::min(length, i + r + 1);
-                for (int c = 0; c < n; ++c)
-                    out[i * along * n + c] =
-                        static_cast<float>((sums[static_cast<std::size_t>(hi * n + c)] -
-                                            sums[static_cast<std::size_t>(lo * n + c)]) /
-                                           static_cast<double>(hi - lo));
-            }
-        }
-        return to;
-    };
-    Planes const rows = pass(p, p.height, p.width, 1, p.width);
-    return pass(rows, p.width, p.height, p.width, 1);
+// The mean of each channel over the (2r+1)^2 box around (x, y), clipped to
+// the window. Measures need it only near the hole, so it is not computed
+// for the whole window.
+void local_mean(Planes const& p, std::ptrdiff_t x, std::ptrdiff_t y, int r, double* mean) {
+    std::ptrdiff_t const x0 = std::max<std::ptrdiff_t>(0, x - r), x1 = std::min(p.width, x + r + 1);
+    std::ptrdiff_t const y0 = std::max<std::ptrdiff_t>(0, y - r),
+                         y1 = std::min(p.height, y + r + 1);
+    std::fill_n(mean, p.channels, 0.0);
+    for (std::ptrdiff_t v = y0; v < y1; ++v)
+        for (std::ptrdiff_t u = x0; u < x1; ++u)
+            for (int c = 0; c < p.channels; ++c) mean[c] += p.at(u, v)[c];
+    auto const area = static_cast<double>((x1 - x0) * (y1 - y0));
+    for (int c = 0; c < p.channels; ++c) mean[c] /= area;
 }
 
 // Mean over channels of a pixel's distance to its local mean.
-double grain(Planes const& p, Planes const& mean, std::ptrdiff_t x, std::ptrdiff_t y) {
+double grain(Planes const& p, std::ptrdiff_t x, std::ptrdiff_t y) {
+    double mean[4];
+    local_mean(p, x, y, grain_radius, mean);
     double g = 0.0;
-    for (int c = 0; c < p.channels; ++c) g += std::abs(p.at(x, y)[c] - mean.at(x, y)[c]);
+    for (int c = 0; c < p.channels; ++c) g += std::abs(p.at(x, y)[c] - mean[c]);
     return g / p.channels;
 }
 
@@ -124,17 +107,15 @@ bool smoother_than_rim(Planes const& image, Planes const& fill, ConstImageView c
     auto in_rim = [&](std::ptrdiff_t x, std::ptrdiff_t y) {
         return !is_set(hole, x, y) && is_set(near.view(), x, y);
     };
-    Planes const image_mean = local_means(image, grain_radius);
-    Planes const fill_mean = local_means(fill, grain_radius);
     double fill_grain = 0.0, rim_grain = 0.0;
     std::size_t inside = 0, rim = 0;
     for (std::ptrdiff_t y = 0; y < hole.height; ++y)
         for (std::ptrdiff_t x = 0; x < hole.width; ++x) {
             if (is_set(hole, x, y)) {
-                fill_grain += grain(fill, fill_mean, x, y);
+                fill_grain += grain(fill, x, y);
                 ++inside;
             } else if (in_rim(x, y)) {
-                rim_grain += grain(image, image_mean, x, y);
+                rim_grain += grain(image, x, y);
                 ++rim;
             }
         }
@@ -145,17 +126,18 @@ bool smoother_than_rim(Planes const& image, Planes const& fill, ConstImageView c
     // A rim without grain (a flat wall) has no texture to give back.
     if (!(rim_grain > 1.0e-3 && fill_grain < smoother_than * rim_grain)) return false;
 
-    Planes const shading = local_means(image, shading_radius);
     std::vector<double> sum(static_cast<std::size_t>(image.channels));
     std::vector<double> squares(sum.size());
     for (std::ptrdiff_t y = 0; y < hole.height; ++y)
         for (std::ptrdiff_t x = 0; x < hole.width; ++x)
-            if (in_rim(x, y))
+            if (in_rim(x, y)) {
+                double shading[4];
+                local_mean(image, x, y, shading_radius, shading);
                 for (std::size_t c = 0; c < sum.size(); ++c) {
-                    double const s = shading.at(x, y)[c];
-                    sum[c] += s;
-                    squares[c] += s * s;
+                    sum[c] += shading[c];
+                    squares[c] += shading[c] * shading[c];
                 }
+            }
     double variance = 0.0;
     for (std::size_t c = 0; c < sum.size(); ++c) {
         double const mean = sum[c] / static_cast<double>(rim);
