@@ -247,29 +247,29 @@ Image texture_like_rim(ConstImageView const& image, ConstImageView const& hole,
     std::vector<bool> placed(static_cast<std::size_t>(w * win.height()));
     std::vector<double> costs(candidates.size());
     std::mt19937 draw(draw_seed);
-    struct Pixel {
-        std::ptrdiff_t offset;  // from the block's corner, in window pixels
-        double weight;
-        float const* target;
-    };
-    std::vector<Pixel> pixels;
+    // A block's targets and weights, row by row, one float per channel:
+    // each row of a candidate is then one run of floats in the window.
+    std::ptrdiff_t const run = block * channels;
+    std::vector<float> targets(static_cast<std::size_t>(block * run));
+    std::vector<float> weights(targets.size());
     for (std::ptrdiff_t ty = by0; ty < by1; ty += step)
         for (std::ptrdiff_t tx = bx0; tx < bx1; tx += step) {
             std::ptrdiff_t const cx = std::clamp<std::ptrdiff_t>(tx, 0, w - block);
             std::ptrdiff_t const cy = std::clamp<std::ptrdiff_t>(ty, 0, win.height() - block);
             // Pixels in place must be matched; open hole pixels only follow
             // the fill's shading.
-            pixels.clear();
             bool open = false;
             for (std::ptrdiff_t j = 0; j < block; ++j)
                 for (std::ptrdiff_t i = 0; i < block; ++i) {
                     std::ptrdiff_t const x = cx + i, y = cy + j;
-                    bool const fixed =
-                        !is_set(hole_w, x, y) || placed[static_cast<std::size_t>(y * w + x)];
+                    bool const known = !is_set(hole_w, x, y);
+                    bool const fixed = known || placed[static_cast<std::size_t>(y * w + x)];
                     open |= !fixed;
-                    pixels.push_back(
-                        {j * w + i, fixed ? 1.0 : shading_weight,
-                         fixed && !is_set(hole_w, x, y) ? source.at(x, y) : current.at(x, y)});
+                    float const* target = known ? source.at(x, y) : current.at(x, y);
+                    auto const at = static_cast<std::size_t>(j * run + i * channels);
+                    std::copy_n(target, channels, &targets[at]);
+                    std::fill_n(&weights[at], channels,
+                                fixed ? 1.0f : static_cast<float>(shading_weight));
                 }
             if (!open) continue;
             tbb::parallel_for(
@@ -279,14 +279,16 @@ Image texture_like_rim(ConstImageView const& image, ConstImageView const& hole,
                         float const* corner =
                             &source.values[static_cast<std::size_t>(candidates[k] * channels)];
                         double cost = 0.0;
-                        for (Pixel const& p : pixels) {
-                            float const* s = corner + p.offset * channels;
-                            double d = 0.0;
-                            for (int c = 0; c < channels; ++c) {
-                                double const e = s[c] - p.target[c];
-                                d += e * e;
+                        for (std::ptrdiff_t j = 0; j < block; ++j) {
+                            float const* s = corner + j * w * channels;
+                            float const* t = &targets[static_cast<std::size_t>(j * run)];
+                            float const* u = &weights[static_cast<std::size_t>(j * run)];
+                            float row = 0.0f;
+                            for (std::ptrdiff_t i = 0; i < run; ++i) {
+                                float const e = s[i] - t[i];
+                                row += u[i] * e * e;
                             }
-                            cost += p.weight * d;
+                            cost += row;
                         }
                         costs[k] = cost;
                     }
