@@ -153,8 +153,8 @@ bool smoother_than_rim(Planes const& image, Planes const& fill, ConstImageView c
 std::vector<std::ptrdiff_t> candidate_blocks(ConstImageView const& hole,
                                              ConstImageView const* sample, std::size_t most) {
     std::ptrdiff_t const w = hole.width, h = hole.height;
-    std::vector<std::int32_t> barred((w + 1) * (h + 1));
-    auto at = [&](std::ptrdiff_t x, std::ptrdiff_t y) -> std::int32_t& {
+    std::vector<std::int64_t> barred(static_cast<std::size_t>((w + 1) * (h + 1)));
+    auto at = [&](std::ptrdiff_t x, std::ptrdiff_t y) -> std::int64_t& {
         return barred[static_cast<std::size_t>(y * (w + 1) + x)];
     };
     for (std::ptrdiff_t y = 0; y < h; ++y)
