@@ -172,6 +172,9 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         } else if (arg == "--no-texture" && a.command == Command::fill) {
             no_value();
             a.no_texture = true;
+        } else if (arg == "--no-mirror" && a.command == Command::fill) {
+            no_value();
+            a.no_mirror = true;
         } else if (arg == "--exclude" && a.command == Command::fill) {
             a.exclude_path = value();
             if (a.exclude_path.empty()) bad("--exclude needs a mask file");
@@ -259,6 +262,10 @@ char const* usage_template() {
            "                          on one even texture (grass, gravel) and the fill\n"
            "                          came out much smoother; by default such a hole is\n"
            "                          rebuilt from blocks of that texture\n"
+           "          --no-mirror     takes patches only as the picture has them; by\n"
+           "                          default also mirrored left to right, so that an\n"
+           "                          object the hole cuts (a cup's wall) gets its hidden\n"
+           "                          side back from the side it shows\n"
            "          --exclude MASK  takes no patches where MASK is non-zero (say where\n"
            "                          the fill must not copy from: a face, a sign)\n"
            "          --compare FILE  also writes the input with the hole tinted beside the\n"

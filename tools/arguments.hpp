@@ -46,6 +46,7 @@ struct Arguments {
     // than only where the picture has the colours of the hole's rim.
     bool sample_anywhere = false;
     bool no_texture = false;
+    bool no_mirror = false;
 
     // retarget: the new width and height (0 keeps the input's) or a scale.
     long long width = 0;

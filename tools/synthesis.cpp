@@ -112,6 +112,7 @@ host::Options kit_options(Arguments const& args) {
     options.grow = args.grow;
     options.sample_like_rim = !args.sample_anywhere;
     options.texture_like_rim = !args.no_texture;
+    options.mirrored_patches = !args.no_mirror;
     return options;
 }
 

@@ -6,6 +6,7 @@
 #include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/image.hpp>
 #include <weftmap/host/large_fill.hpp>
+#include <weftmap/host/mirrored_patches.hpp>
 #include <weftmap/host/options.hpp>
 #include <weftmap/host/rim_texture.hpp>
 #include <weftmap/host/runtime.hpp>

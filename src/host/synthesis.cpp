@@ -7,6 +7,7 @@
 
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/host/hole_mask.hpp>
+#include <weftmap/host/mirrored_patches.hpp>
 #include <weftmap/host/rim_texture.hpp>
 #include <weftmap/host/synthesis.hpp>
 #include <weftmap/image/mipmap.hpp>
@@ -241,6 +242,41 @@ void check_retarget_size(Size picture, Size size, Options const& options) {
                         "it is small) and shrinks it to about a thirtieth");
 }
 
+namespace {
+
+// The fill of `hole` with the picture's mirror image on `side` as a second
+// place to sample from. Its hole holds what is being removed, so it is no
+// place to sample either.
+Image fill_with_mirror(ConstImageView const& image, ConstImageView const& hole,
+                       Options const& options, MirrorSide side) {
+    Image area =
+        options.sample ? Image::copy_of(*options.sample) : Image(mask_format, image.size());
+    ImageView const allowed = area.view();
+    for (std::ptrdiff_t y = 0; y < image.height; ++y)
+        for (std::ptrdiff_t x = 0; x < image.width; ++x) {
+            unsigned char& a = *allowed.pixel(x, y);
+            bool const asked = !options.sample || a != 0;
+            a = asked && hole.pixel(x, y)[0] == 0 ? 255 : 0;
+        }
+    Image const pictures = beside_its_mirror(image, side);
+    Image const areas = beside_its_mirror(area.view(), side);
+    Image holes(mask_format, pictures.size());
+    std::ptrdiff_t const x0 = picture_offset(image, side);
+    for (std::ptrdiff_t y = 0; y < image.height; ++y)
+        for (std::ptrdiff_t x = 0; x < image.width; ++x)
+            *holes.view().pixel(x0 + x, y) = hole.pixel(x, y)[0];
+    Options doubled = options;
+    doubled.sample = areas.view();
+    // Mirrored patches lie a picture's width away: search everywhere unless
+    // the caller chose a window.
+    doubled.recomposer_options.try_emplace("-hole_search_window", "0");
+    ConstImageView const holes_view = holes.view();
+    Image const both = dispatch(Job{pictures.view(), &holes_view, {}, doubled, Mode::hole_fill});
+    return Image::copy_of(both.view().crop(x0, 0, image.width, image.height));
+}
+
+}  // namespace
+
 Image fill(ConstImageView const& image, ConstImageView const& hole, Options const& options) {
     check_picture(image);
     check_mask(hole, image, "hole mask");
@@ -261,7 +297,11 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
         limited.sample = area.view();
     }
     Options const& used = area.empty() ? options : limited;
-    Image result = dispatch(Job{image, &hole_used, {}, used, mode});
+    MirrorSide const side = options.mirrored_patches && mode == Mode::hole_fill
+                                ? mirror_side(image, hole_used)
+                                : MirrorSide::none;
+    Image result = side != MirrorSide::none ? fill_with_mirror(image, hole_used, used, side)
+                                            : dispatch(Job{image, &hole_used, {}, used, mode});
     if (options.texture_like_rim && mode == Mode::hole_fill) {
         Image textured = texture_like_rim(image, hole_used, result.view(),
                                           used.sample ? &*used.sample : nullptr);

@@ -226,7 +226,8 @@ EOF
             "$probe" check-fill in/rgb8.png in/mask.png out/exclude.png
     expect "--sample --grow" 0 "" fill in/rgb8.png in/mask.png out/grow.png --sample \
         in/mask-all.png --grow 3 --quiet
-    expect "--no-texture" 0 "" fill in/rgb8.png in/mask.png out/plain.png --no-texture --quiet &&
+    expect "--no-texture --no-mirror" 0 "" fill in/rgb8.png in/mask.png out/plain.png \
+        --no-texture --no-mirror --quiet &&
         check "--no-texture keeps the pixels outside the hole" \
             "$probe" check-fill in/rgb8.png in/mask.png out/plain.png
 

@@ -34,7 +34,8 @@ void warn(host::Warnings const& warnings) {
 }
 
 py::array fill(py::array const& image, py::array const& mask, RunKeywords const& keywords,
-               std::optional<py::array> const& sample, int grow, bool texture, bool cmyk) {
+               std::optional<py::array> const& sample, int grow, bool texture, bool mirror,
+               bool cmyk) {
     Picture const picture = picture_of(image, cmyk);
     Mask const hole = mask_of(mask, "hole mask");
     std::optional<Mask> sampling;
@@ -43,6 +44,7 @@ py::array fill(py::array const& image, py::array const& mask, RunKeywords const&
     if (sampling) options.sample = sampling->view;
     options.grow = grow;
     options.texture_like_rim = texture;
+    options.mirrored_patches = mirror;
     host::Image result = without_gil([&] { return host::fill(picture.view, hole.view, options); });
     return array_like(std::move(result), picture);
 }
@@ -180,6 +182,10 @@ grow: pixels the hole grows by first (0 to 1000), for masks painted
 texture: where the hole borders on one even texture (grass, gravel) and
     the synthesis came out much smoother than it, rebuild the hole from
     blocks of that texture. False keeps the synthesis's result.
+mirror: where the hole's surroundings are mirror symmetric (a cup whose
+    one wall the hole covers), also take patches mirrored left to right,
+    so the hidden side comes back from the side shown. False takes patches
+    only as the picture has them.
 )" + std::string(keywords_doc) +
                              R"(
 Returns a new array of the picture's dtype and shape, equal to it outside
@@ -216,7 +222,7 @@ PYBIND11_MODULE(weftmap, m) {
         [](py::array const& image, py::array const& mask, std::string mode, std::string comparator,
            std::optional<py::dict> options, std::optional<long long> seed, std::optional<int> bands,
            bool scalar, std::optional<long long> memory_limit,
-           std::optional<py::array> const& sample, int grow, bool texture,
+           std::optional<py::array> const& sample, int grow, bool texture, bool mirror,
            std::optional<py::function> progress, bool cmyk) {
             RunKeywords const keywords{std::move(mode),
                                        std::move(comparator),
@@ -226,14 +232,15 @@ PYBIND11_MODULE(weftmap, m) {
                                        bands,
                                        scalar,
                                        std::move(progress)};
-            return fill(image, mask, keywords, sample, grow, texture, cmyk);
+            return fill(image, mask, keywords, sample, grow, texture, mirror, cmyk);
         },
         fill_doc.c_str(), py::arg("image"), py::arg("mask"), py::kw_only(),
         py::arg("mode") = "hole-fill", py::arg("comparator") = "translate",
         py::arg("options") = py::none(), py::arg("seed") = py::none(),
         py::arg("bands") = py::none(), py::arg("scalar") = false,
         py::arg("memory_limit") = py::none(), py::arg("sample") = py::none(), py::arg("grow") = 0,
-        py::arg("texture") = true, py::arg("progress") = py::none(), py::arg("cmyk") = false);
+        py::arg("texture") = true, py::arg("mirror") = true, py::arg("progress") = py::none(),
+        py::arg("cmyk") = false);
 
     m.def(
         "retarget",

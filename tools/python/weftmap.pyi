@@ -31,6 +31,7 @@ def fill(
     sample: Optional[_Mask] = None,
     grow: int = 0,
     texture: bool = True,
+    mirror: bool = True,
     progress: Optional[Callable[[float], object]] = None,
     cmyk: bool = False,
 ) -> _Picture:

@@ -67,6 +67,10 @@ struct Options {
     // out much smoother get the hole rebuilt from blocks of that texture
     // (texture_like_rim). False: the synthesis's result as it is.
     bool texture_like_rim = true;
+    // Fills may also take patches mirrored left to right (mirrored_patches),
+    // so that an object cut by the hole gets its hidden side back from the
+    // side it shows. False: patches as the picture has them.
+    bool mirrored_patches = true;
     // Fills grow the hole by this many pixels first (grow_hole), so that
     // the edge and halo of an object painted tightly go with it.
     int grow = default_hole_growth;
