@@ -175,6 +175,9 @@ Arguments parse_arguments(std::vector<std::string> const& args) {
         } else if (arg == "--no-mirror" && a.command == Command::fill) {
             no_value();
             a.no_mirror = true;
+        } else if (arg == "--no-rows" && a.command == Command::fill) {
+            no_value();
+            a.no_rows = true;
         } else if (arg == "--exclude" && a.command == Command::fill) {
             a.exclude_path = value();
             if (a.exclude_path.empty()) bad("--exclude needs a mask file");
@@ -266,6 +269,11 @@ char const* usage_template() {
            "                          default also mirrored left to right, so that an\n"
            "                          object the hole cuts (a cup's wall) gets its hidden\n"
            "                          side back from the side it shows\n"
+           "          --no-rows       takes patches for every row of the hole from any\n"
+           "                          rows; by default, where the hole's surroundings\n"
+           "                          are layered in rows (planks, a shore), each half\n"
+           "                          of the hole only from its own rows, so that the\n"
+           "                          layers run on across it\n"
            "          --exclude MASK  takes no patches where MASK is non-zero (say where\n"
            "                          the fill must not copy from: a face, a sign)\n"
            "          --compare FILE  also writes the input with the hole tinted beside the\n"

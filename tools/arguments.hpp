@@ -47,6 +47,7 @@ struct Arguments {
     bool sample_anywhere = false;
     bool no_texture = false;
     bool no_mirror = false;
+    bool no_rows = false;
 
     // retarget: the new width and height (0 keeps the input's) or a scale.
     long long width = 0;

@@ -113,6 +113,7 @@ host::Options kit_options(Arguments const& args) {
     options.sample_like_rim = !args.sample_anywhere;
     options.texture_like_rim = !args.no_texture;
     options.mirrored_patches = !args.no_mirror;
+    options.row_bands = !args.no_rows;
     return options;
 }
 

@@ -9,5 +9,6 @@
 #include <weftmap/host/mirrored_patches.hpp>
 #include <weftmap/host/options.hpp>
 #include <weftmap/host/rim_texture.hpp>
+#include <weftmap/host/row_bands.hpp>
 #include <weftmap/host/runtime.hpp>
 #include <weftmap/host/synthesis.hpp>

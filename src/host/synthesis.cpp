@@ -9,6 +9,7 @@
 #include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/mirrored_patches.hpp>
 #include <weftmap/host/rim_texture.hpp>
+#include <weftmap/host/row_bands.hpp>
 #include <weftmap/host/synthesis.hpp>
 #include <weftmap/image/mipmap.hpp>
 #include <weftmap/image/resample.hpp>
@@ -66,6 +67,7 @@ struct Job {
     Size size;                   // retarget
     Options const& options;
     Mode mode;
+    ConstImageView const* row_labels = nullptr;  // fill: row_bands
 };
 
 template <class Compare>
@@ -86,11 +88,18 @@ RecycledImage<Pixel> fill_hole(Job const& job, Client<Pixel>& client,
     // The library inverts the hole mask: it gets a copy.
     auto hole = detail::library_copy<gray8_pixel_t>(*job.hole);
     GrayView const hole_view = view(hole);
+    RecycledImage<gray8_pixel_t> bands;
+    GrayView bands_view;
+    if (job.row_labels != nullptr) {
+        bands = detail::library_copy<gray8_pixel_t>(*job.row_labels);
+        bands_view = view(bands);
+    }
+    GrayView const* const region = job.row_labels != nullptr ? &bands_view : nullptr;
     std::vector<Constraint> constraints;
     RecycledImage<Pixel> result;
     if (!job.options.sample) {
         recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
-                             nullptr, nullptr, nullptr, nullptr, nullptr);
+                             nullptr, nullptr, region, nullptr, nullptr);
         return result;
     }
     // Alone, a sampling mask would also say which pixels are fixed: the
@@ -109,7 +118,7 @@ RecycledImage<Pixel> fill_hole(Job const& job, Client<Pixel>& client,
     auto const constraint_view = view(constraint);
     GrayView const fixed_view = view(fixed);
     recomposer.recompose(view(source), constraints, result, &hole_view, nullptr, nullptr,
-                         &sample_view, &constraint_view, nullptr, nullptr, &fixed_view);
+                         &sample_view, &constraint_view, region, nullptr, &fixed_view);
     return result;
 }
 
@@ -300,8 +309,15 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
     MirrorSide const side = options.mirrored_patches && mode == Mode::hole_fill
                                 ? mirror_side(image, hole_used)
                                 : MirrorSide::none;
-    Image result = side != MirrorSide::none ? fill_with_mirror(image, hole_used, used, side)
-                                            : dispatch(Job{image, &hole_used, {}, used, mode});
+    Image bands;
+    if (side == MirrorSide::none && options.row_bands && mode == Mode::hole_fill)
+        bands = row_bands(image, hole_used, used.sample ? &*used.sample : nullptr);
+    ConstImageView const bands_view = bands.view();
+    Image result =
+        side != MirrorSide::none
+            ? fill_with_mirror(image, hole_used, used, side)
+            : dispatch(
+                  Job{image, &hole_used, {}, used, mode, bands.empty() ? nullptr : &bands_view});
     if (options.texture_like_rim && mode == Mode::hole_fill) {
         Image textured = texture_like_rim(image, hole_used, result.view(),
                                           used.sample ? &*used.sample : nullptr);

@@ -226,8 +226,8 @@ EOF
             "$probe" check-fill in/rgb8.png in/mask.png out/exclude.png
     expect "--sample --grow" 0 "" fill in/rgb8.png in/mask.png out/grow.png --sample \
         in/mask-all.png --grow 3 --quiet
-    expect "--no-texture --no-mirror" 0 "" fill in/rgb8.png in/mask.png out/plain.png \
-        --no-texture --no-mirror --quiet &&
+    expect "--no-texture --no-mirror --no-rows" 0 "" fill in/rgb8.png in/mask.png \
+        out/plain.png --no-texture --no-mirror --no-rows --quiet &&
         check "--no-texture keeps the pixels outside the hole" \
             "$probe" check-fill in/rgb8.png in/mask.png out/plain.png
 

@@ -35,7 +35,7 @@ void warn(host::Warnings const& warnings) {
 
 py::array fill(py::array const& image, py::array const& mask, RunKeywords const& keywords,
                std::optional<py::array> const& sample, int grow, bool texture, bool mirror,
-               bool cmyk) {
+               bool rows, bool cmyk) {
     Picture const picture = picture_of(image, cmyk);
     Mask const hole = mask_of(mask, "hole mask");
     std::optional<Mask> sampling;
@@ -45,6 +45,7 @@ py::array fill(py::array const& image, py::array const& mask, RunKeywords const&
     options.grow = grow;
     options.texture_like_rim = texture;
     options.mirrored_patches = mirror;
+    options.row_bands = rows;
     host::Image result = without_gil([&] { return host::fill(picture.view, hole.view, options); });
     return array_like(std::move(result), picture);
 }
@@ -186,6 +187,10 @@ mirror: where the hole's surroundings are mirror symmetric (a cup whose
     one wall the hole covers), also take patches mirrored left to right,
     so the hidden side comes back from the side shown. False takes patches
     only as the picture has them.
+rows: where the hole's surroundings are layered in rows (planks, a shore)
+    and no mirror is taken, each half of the hole takes patches only from
+    its own rows, so the layers run on across it. False takes them from
+    any rows.
 )" + std::string(keywords_doc) +
                              R"(
 Returns a new array of the picture's dtype and shape, equal to it outside
@@ -222,7 +227,7 @@ PYBIND11_MODULE(weftmap, m) {
         [](py::array const& image, py::array const& mask, std::string mode, std::string comparator,
            std::optional<py::dict> options, std::optional<long long> seed, std::optional<int> bands,
            bool scalar, std::optional<long long> memory_limit,
-           std::optional<py::array> const& sample, int grow, bool texture, bool mirror,
+           std::optional<py::array> const& sample, int grow, bool texture, bool mirror, bool rows,
            std::optional<py::function> progress, bool cmyk) {
             RunKeywords const keywords{std::move(mode),
                                        std::move(comparator),
@@ -232,15 +237,15 @@ PYBIND11_MODULE(weftmap, m) {
                                        bands,
                                        scalar,
                                        std::move(progress)};
-            return fill(image, mask, keywords, sample, grow, texture, mirror, cmyk);
+            return fill(image, mask, keywords, sample, grow, texture, mirror, rows, cmyk);
         },
         fill_doc.c_str(), py::arg("image"), py::arg("mask"), py::kw_only(),
         py::arg("mode") = "hole-fill", py::arg("comparator") = "translate",
         py::arg("options") = py::none(), py::arg("seed") = py::none(),
         py::arg("bands") = py::none(), py::arg("scalar") = false,
         py::arg("memory_limit") = py::none(), py::arg("sample") = py::none(), py::arg("grow") = 0,
-        py::arg("texture") = true, py::arg("mirror") = true, py::arg("progress") = py::none(),
-        py::arg("cmyk") = false);
+        py::arg("texture") = true, py::arg("mirror") = true, py::arg("rows") = true,
+        py::arg("progress") = py::none(), py::arg("cmyk") = false);
 
     m.def(
         "retarget",

@@ -32,6 +32,7 @@ def fill(
     grow: int = 0,
     texture: bool = True,
     mirror: bool = True,
+    rows: bool = True,
     progress: Optional[Callable[[float], object]] = None,
     cmyk: bool = False,
 ) -> _Picture:

@@ -71,6 +71,10 @@ struct Options {
     // so that an object cut by the hole gets its hidden side back from the
     // side it shows. False: patches as the picture has them.
     bool mirrored_patches = true;
+    // Fills of holes whose surroundings are layered in rows (planks, a
+    // shore) and that are not mirrored take each band of the hole's rows
+    // from the same rows of the picture (row_bands). False: from any rows.
+    bool row_bands = true;
     // Fills grow the hole by this many pixels first (grow_hole), so that
     // the edge and halo of an object painted tightly go with it.
     int grow = default_hole_growth;
