@@ -65,6 +65,19 @@ Image grow_hole(ConstImageView const& hole, int pixels) {
     return grown;
 }
 
+MaskBounds mask_bounds(ConstImageView const& mask) {
+    MaskBounds b{mask.width, mask.height, -1, -1};
+    for (std::ptrdiff_t y = 0; y < mask.height; ++y)
+        for (std::ptrdiff_t x = 0; x < mask.width; ++x)
+            if (mask.pixel(x, y)[0] != 0) {
+                b.left = std::min(b.left, x);
+                b.right = std::max(b.right, x);
+                b.top = std::min(b.top, y);
+                b.bottom = std::max(b.bottom, y);
+            }
+    return b;
+}
+
 Image sampling_outside(ConstImageView const& excluded) {
     check_mask(excluded);
     Image allowed(mask_format, excluded.size());

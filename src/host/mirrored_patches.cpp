@@ -89,14 +89,9 @@ MirrorSide mirror_side(ConstImageView const& image, ConstImageView const& hole) 
         throw Error(ErrorCode::invalid_input,
                     "a hole mask must be an 8-bit gray mask of the picture's size " +
                         size_text(image.size()));
-    std::ptrdiff_t left = hole.width, right = -1;
-    for (std::ptrdiff_t y = 0; y < hole.height; ++y)
-        for (std::ptrdiff_t x = 0; x < hole.width; ++x)
-            if (hole.pixel(x, y)[0] != 0) {
-                left = std::min(left, x);
-                right = std::max(right, x);
-            }
-    if (right < 0) return MirrorSide::none;
+    MaskBounds const bounds = mask_bounds(hole);
+    if (bounds.empty()) return MirrorSide::none;
+    std::ptrdiff_t const left = bounds.left, right = bounds.right;
     bool const near_left = left < patch_reach, near_right = right >= hole.width - patch_reach;
     if (near_left && near_right) return MirrorSide::none;
     if (!rim_is_mirrored(image, hole, right - left + 1)) return MirrorSide::none;

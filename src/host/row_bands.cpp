@@ -31,24 +31,6 @@ void check_hole(ConstImageView const& image, ConstImageView const& hole) {
                         size_text(image.size()));
 }
 
-struct Rows {
-    std::ptrdiff_t left, right, top, bottom;  // bounds of the hole, inclusive
-    bool empty() const { return right < left; }
-};
-
-Rows hole_bounds(ConstImageView const& hole) {
-    Rows r{hole.width, -1, hole.height, -1};
-    for (std::ptrdiff_t y = 0; y < hole.height; ++y)
-        for (std::ptrdiff_t x = 0; x < hole.width; ++x)
-            if (hole.pixel(x, y)[0] != 0) {
-                r.left = std::min(r.left, x);
-                r.right = std::max(r.right, x);
-                r.top = std::min(r.top, y);
-                r.bottom = std::max(r.bottom, y);
-            }
-    return r;
-}
-
 // Band of row y, counted from the hole's top; negative above it.
 std::ptrdiff_t band_of(std::ptrdiff_t y, std::ptrdiff_t top, std::ptrdiff_t height) {
     std::ptrdiff_t const d = y - top;
@@ -64,7 +46,7 @@ unsigned char label_of(std::ptrdiff_t band) {
 
 bool rows_are_layered(ConstImageView const& image, ConstImageView const& hole) {
     check_hole(image, hole);
-    if (hole_bounds(hole).empty()) return false;
+    if (mask_bounds(hole).empty()) return false;
     Image const bytes_image = converted(image, PixelFormat{Depth::u8, image.format.colour});
     ConstImageView const bytes = bytes_image.view();
     Image const grown_image = grow_hole(hole, rim_width);
@@ -105,7 +87,7 @@ Image row_bands(ConstImageView const& image, ConstImageView const& hole,
         throw Error(ErrorCode::invalid_input,
                     "a sampling mask must be an 8-bit gray mask of the picture's size " +
                         size_text(image.size()));
-    Rows const r = hole_bounds(hole);
+    MaskBounds const r = mask_bounds(hole);
     if (r.empty() || r.left < patch_reach || r.right >= hole.width - patch_reach) return Image();
     if (!rows_are_layered(image, hole)) return Image();
     std::ptrdiff_t const rows = r.bottom - r.top + 1;

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -124,6 +125,10 @@ TEST(KitSynthesis, GrownHoleIsTheDiscAroundItAndFillsReplaceIt) {
     Image const inverse = sampling_outside(hole.view());
     EXPECT_EQ(*inverse.view().pixel(10, 10), 0);
     EXPECT_EQ(*inverse.view().pixel(0, 0), 255);
+    MaskBounds const bounds = mask_bounds(hole.view());
+    EXPECT_EQ((std::array{bounds.left, bounds.top, bounds.right, bounds.bottom}),
+              (std::array<std::ptrdiff_t, 4>{10, 10, 30, 20}));
+    EXPECT_TRUE(mask_bounds(Image(mask_format, size).view()).empty());
 
     // A fill with a grown hole rebuilds the ring around the hole (here a
     // red halo, found nowhere else) and keeps everything beyond it.

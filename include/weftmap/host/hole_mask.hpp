@@ -16,6 +16,14 @@ inline constexpr int max_hole_growth = 1000;
 // growth outside 0 to max_hole_growth.
 WEFTMAP_HOST_API Image grow_hole(ConstImageView const& hole, int pixels);
 
+// The smallest box around a mask's non-zero pixels, bounds included; right
+// is below left when there are none.
+struct MaskBounds {
+    std::ptrdiff_t left, top, right, bottom;
+    bool empty() const { return right < left; }
+};
+WEFTMAP_HOST_API MaskBounds mask_bounds(ConstImageView const& mask);
+
 // A sampling mask (non-zero = patches may come from there) of the pixels
 // that `excluded` leaves zero.
 WEFTMAP_HOST_API Image sampling_outside(ConstImageView const& excluded);
