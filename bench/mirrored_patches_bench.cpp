@@ -2,12 +2,12 @@
 // caller's choice runs: whether they are mirror symmetric, and whether they
 // are layered in rows. A large hole in a large picture, the most rim and
 // axes they compare.
+#include "kit_pictures.hpp"
+
 #include <weftmap/host/mirrored_patches.hpp>
 #include <weftmap/host/row_bands.hpp>
 
 #include <benchmark/benchmark.h>
-
-#include <cstdint>
 
 namespace WM::bench {
 namespace {
@@ -17,15 +17,7 @@ namespace host = WM::host;
 host::Size const size{1280, 960};
 
 host::Image noise() {
-    host::Image image(host::PixelFormat{host::Depth::u8, host::Colour::rgb}, size);
-    std::uint32_t seed = 3;
-    for (std::ptrdiff_t y = 0; y < size.height; ++y)
-        for (std::ptrdiff_t x = 0; x < size.width; ++x)
-            for (int c = 0; c < 3; ++c) {
-                seed = seed * 1664525u + 1013904223u;
-                image.view().pixel(x, y)[c] = static_cast<unsigned char>(seed >> 24);
-            }
-    return image;
+    return noise_rgb8(size, 3);
 }
 
 host::Image large_hole() {

@@ -2,11 +2,12 @@
 // it: the cost when it acts (an 80-pixel hole in grain), and the cost of its
 // measures alone on a fill it leaves as it is (a thin hole across a large
 // picture, the widest window the measures take).
+#include "kit_pictures.hpp"
+
 #include <weftmap/host/rim_texture.hpp>
 
 #include <benchmark/benchmark.h>
 
-#include <cstdint>
 #include <cstring>
 
 namespace WM::bench {
@@ -15,15 +16,7 @@ namespace {
 namespace host = WM::host;
 
 host::Image grain(host::Size size) {
-    host::Image image(host::PixelFormat{host::Depth::u8, host::Colour::rgb}, size);
-    std::uint32_t state = 5;
-    for (std::ptrdiff_t y = 0; y < size.height; ++y)
-        for (std::ptrdiff_t x = 0; x < size.width; ++x)
-            for (int c = 0; c < 3; ++c) {
-                state = state * 1664525u + 1013904223u;
-                image.view().pixel(x, y)[c] = static_cast<unsigned char>(90 + (state >> 24) % 61);
-            }
-    return image;
+    return noise_rgb8(size, 5, 90, 61);
 }
 
 void BM_TextureLikeRimRebuild(benchmark::State& state) {

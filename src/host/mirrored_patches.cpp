@@ -1,7 +1,8 @@
 // Mirrored patches for fills, and the test of whether a hole's surroundings
 // are symmetric enough to need them.
+#include "hole_policy.hpp"
+
 #include <weftmap/frame/debug_output.hpp>
-#include <weftmap/host/errors.hpp>
 #include <weftmap/host/hole_mask.hpp>
 #include <weftmap/host/mirrored_patches.hpp>
 
@@ -14,8 +15,8 @@
 namespace WM::host {
 namespace {
 
-// A patch over a hole pixel this close to a side reaches past it.
-constexpr std::ptrdiff_t patch_reach = 6;
+using detail::patch_reach;
+
 // The rim compared with its mirror image and its shifted copies.
 constexpr int rim_width = 16;
 // Every this many rim pixels is compared: the measure needs a sample only.
@@ -85,10 +86,7 @@ bool rim_is_mirrored(ConstImageView const& image, ConstImageView const& hole,
 }  // namespace
 
 MirrorSide mirror_side(ConstImageView const& image, ConstImageView const& hole) {
-    if (hole.size() != image.size() || hole.format != mask_format)
-        throw Error(ErrorCode::invalid_input,
-                    "a hole mask must be an 8-bit gray mask of the picture's size " +
-                        size_text(image.size()));
+    detail::check_hole_of(image, hole);
     MaskBounds const bounds = mask_bounds(hole);
     if (bounds.empty()) return MirrorSide::none;
     std::ptrdiff_t const left = bounds.left, right = bounds.right;

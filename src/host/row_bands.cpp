@@ -1,5 +1,7 @@
 // Row bands for fills of layered pictures, and the test of whether the rows
 // around a hole are layered.
+#include "hole_policy.hpp"
+
 #include <weftmap/frame/debug_output.hpp>
 #include <weftmap/host/errors.hpp>
 #include <weftmap/host/hole_mask.hpp>
@@ -12,8 +14,8 @@
 namespace WM::host {
 namespace {
 
-// A patch over a hole pixel this close to a side reaches past it.
-constexpr std::ptrdiff_t patch_reach = 6;
+using detail::patch_reach;
+
 // The library labels a patch at its top-left pixel; its centre is this far in.
 constexpr std::ptrdiff_t patch_centre = 3;
 // The surroundings measured, and the distance between neighbours compared.
@@ -23,13 +25,6 @@ constexpr std::ptrdiff_t step = 4;
 constexpr double layered_share = 0.9;
 // Labels of bands away from the hole repeat with this period: 0 is unused.
 constexpr std::ptrdiff_t label_count = 250;
-
-void check_hole(ConstImageView const& image, ConstImageView const& hole) {
-    if (hole.size() != image.size() || hole.format != mask_format)
-        throw Error(ErrorCode::invalid_input,
-                    "a hole mask must be an 8-bit gray mask of the picture's size " +
-                        size_text(image.size()));
-}
 
 // Band of row y, counted from the hole's top; negative above it.
 std::ptrdiff_t band_of(std::ptrdiff_t y, std::ptrdiff_t top, std::ptrdiff_t height) {
@@ -42,11 +37,8 @@ unsigned char label_of(std::ptrdiff_t band) {
     return static_cast<unsigned char>(wrapped + 1);
 }
 
-}  // namespace
-
-bool rows_are_layered(ConstImageView const& image, ConstImageView const& hole) {
-    check_hole(image, hole);
-    if (mask_bounds(hole).empty()) return false;
+// rows_are_layered for a checked, non-empty hole.
+bool layered(ConstImageView const& image, ConstImageView const& hole) {
     Image const bytes_image = converted(image, PixelFormat{Depth::u8, image.format.colour});
     ConstImageView const bytes = bytes_image.view();
     Image const grown_image = grow_hole(hole, rim_width);
@@ -80,16 +72,23 @@ bool rows_are_layered(ConstImageView const& image, ConstImageView const& hole) {
     return along <= layered_share * down;
 }
 
+}  // namespace
+
+bool rows_are_layered(ConstImageView const& image, ConstImageView const& hole) {
+    detail::check_hole_of(image, hole);
+    return !mask_bounds(hole).empty() && layered(image, hole);
+}
+
 Image row_bands(ConstImageView const& image, ConstImageView const& hole,
                 ConstImageView const* sample) {
-    check_hole(image, hole);
+    detail::check_hole_of(image, hole);
     if (sample != nullptr && (sample->size() != image.size() || sample->format != mask_format))
         throw Error(ErrorCode::invalid_input,
                     "a sampling mask must be an 8-bit gray mask of the picture's size " +
                         size_text(image.size()));
     MaskBounds const r = mask_bounds(hole);
     if (r.empty() || r.left < patch_reach || r.right >= hole.width - patch_reach) return Image();
-    if (!rows_are_layered(image, hole)) return Image();
+    if (!layered(image, hole)) return Image();
     std::ptrdiff_t const rows = r.bottom - r.top + 1;
     std::ptrdiff_t const height =
         std::max(least_band_height, (rows + bands_per_hole - 1) / bands_per_hole);
