@@ -1,11 +1,12 @@
-// The kit's tests of a fill's hole surroundings, which every fill without a
-// caller's choice runs: whether they are mirror symmetric, and whether they
-// are layered in rows. A large hole in a large picture, the most rim and
-// axes they compare.
+// The kit's tests of a fill's hole and its surroundings, which every fill
+// without a caller's choice runs: whether they are mirror symmetric, whether
+// they are layered in rows, and how deep a hole at the picture's side is.
+// A large hole in a large picture, the most rim and axes they compare.
 #include "kit_pictures.hpp"
 
 #include <weftmap/host/mirrored_patches.hpp>
 #include <weftmap/host/row_bands.hpp>
+#include <weftmap/host/search_window.hpp>
 
 #include <benchmark/benchmark.h>
 
@@ -46,6 +47,19 @@ void BM_RowBands(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_RowBands)->Unit(benchmark::kMillisecond);
+
+// A hole the picture's right side cuts: two distance maps of the picture.
+void BM_SideSearchWindow(benchmark::State& state) {
+    host::Image hole(host::mask_format, size);
+    for (std::ptrdiff_t y = 200; y < 760; ++y)
+        for (std::ptrdiff_t x = 1000; x < size.width; ++x) *hole.view().pixel(x, y) = 255;
+    for (auto _ : state) {
+        int const window = host::side_hole_search_window(hole.view());
+        if (window != 1120) state.SkipWithError("the side hole got another window");
+        benchmark::DoNotOptimize(window);
+    }
+}
+BENCHMARK(BM_SideSearchWindow)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace WM::bench

@@ -11,4 +11,5 @@
 #include <weftmap/host/rim_texture.hpp>
 #include <weftmap/host/row_bands.hpp>
 #include <weftmap/host/runtime.hpp>
+#include <weftmap/host/search_window.hpp>
 #include <weftmap/host/synthesis.hpp>

@@ -10,6 +10,7 @@
 #include <weftmap/host/mirrored_patches.hpp>
 #include <weftmap/host/rim_texture.hpp>
 #include <weftmap/host/row_bands.hpp>
+#include <weftmap/host/search_window.hpp>
 #include <weftmap/host/synthesis.hpp>
 #include <weftmap/image/mipmap.hpp>
 #include <weftmap/image/resample.hpp>
@@ -300,15 +301,18 @@ Image fill(ConstImageView const& image, ConstImageView const& hole, Options cons
     Image area;
     if (!options.sample && options.sample_like_rim && mode == Mode::hole_fill)
         area = sampling_like_rim(image, hole_used);
-    Options limited;
-    if (!area.empty()) {
-        limited = options;
-        limited.sample = area.view();
-    }
-    Options const& used = area.empty() ? options : limited;
+    Options used = options;
+    if (!area.empty()) used.sample = area.view();
     MirrorSide const side = options.mirrored_patches && mode == Mode::hole_fill
                                 ? mirror_side(image, hole_used)
                                 : MirrorSide::none;
+    if (side == MirrorSide::none && mode == Mode::hole_fill &&
+        !options.recomposer_options.count("-hole_search_window")) {
+        if (int const window = side_hole_search_window(hole_used); window > 0) {
+            debug_log("side_hole_search_window: %d for a hole the picture's side cuts\n", window);
+            used.recomposer_options["-hole_search_window"] = std::to_string(window);
+        }
+    }
     Image bands;
     if (side == MirrorSide::none && options.row_bands && mode == Mode::hole_fill)
         bands = row_bands(image, hole_used, used.sample ? &*used.sample : nullptr);

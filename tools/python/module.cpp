@@ -191,6 +191,8 @@ rows: where the hole's surroundings are layered in rows (planks, a shore)
     and no mirror is taken, each half of the hole takes patches only from
     its own rows, so the layers run on across it. False takes them from
     any rows.
+A hole that a side of the picture cuts takes its patches from within its
+own size; options={"-hole_search_window": 0} searches the whole picture.
 )" + std::string(keywords_doc) +
                              R"(
 Returns a new array of the picture's dtype and shape, equal to it outside
