@@ -1,3 +1,5 @@
+#include "hole_policy.hpp"
+
 #include <weftmap/host/errors.hpp>
 #include <weftmap/host/hole_mask.hpp>
 
@@ -7,19 +9,9 @@
 #include <vector>
 
 namespace WM::host {
-namespace {
-
-void check_mask(ConstImageView const& mask) {
-    if (mask.format != mask_format)
-        throw Error(ErrorCode::invalid_input,
-                    std::string("a hole or sampling mask must be an 8-bit gray mask, not ") +
-                        format_name(mask.format));
-}
-
-}  // namespace
 
 Image grow_hole(ConstImageView const& hole, int pixels) {
-    check_mask(hole);
+    detail::check_mask_format(hole);
     if (pixels < 0 || pixels > max_hole_growth)
         throw Error(ErrorCode::invalid_input, "a hole grows by 0 to " +
                                                   std::to_string(max_hole_growth) +
@@ -79,7 +71,7 @@ MaskBounds mask_bounds(ConstImageView const& mask) {
 }
 
 Image sampling_outside(ConstImageView const& excluded) {
-    check_mask(excluded);
+    detail::check_mask_format(excluded);
     Image allowed(mask_format, excluded.size());
     for (std::ptrdiff_t y = 0; y < excluded.height; ++y)
         for (std::ptrdiff_t x = 0; x < excluded.width; ++x)
